@@ -1,0 +1,49 @@
+# Shared set-up of scripts/test and scripts/demo: Debian packages, configure, build.
+# Sourced, not run.
+
+MORVANE_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+MORVANE_JOBS=${MORVANE_JOBS:-$(nproc 2>/dev/null || echo 2)}
+
+# What the build, the tests and the benchmarks need, by Debian package name.
+MORVANE_PACKAGES=(
+    build-essential cmake ninja-build pkg-config
+    qt6-base-dev libcurl4-openssl-dev nlohmann-json3-dev libicu-dev libnl-route-3-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
+    python3 openssl dbus
+    # peers the benchmarks measure against
+    libspdlog-dev libgmp-dev libknot-dev libldns-dev
+    # fuzzing and sanitizer runtimes
+    clang libclang-rt-14-dev
+)
+
+say() { printf '==> %s\n' "$*"; }
+
+# Installs whatever of MORVANE_PACKAGES is missing; does nothing when all are there.
+ensure_packages() {
+    local missing=() pkg
+    for pkg in "${MORVANE_PACKAGES[@]}"; do
+        dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' \
+            || missing+=("$pkg")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    say "installing ${missing[*]}"
+    local sudo=()
+    [ "$(id -u)" -ne 0 ] && sudo=(sudo)
+    export DEBIAN_FRONTEND=noninteractive
+    "${sudo[@]}" apt-get update -qq >/dev/null
+    "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# configure_build <build dir> [extra cmake arguments...]
+configure_build() {
+    local dir=$1; shift
+    cmake -S "$MORVANE_ROOT" -B "$dir" -G Ninja -Wno-dev "$@" >/dev/null
+}
+
+# build <build dir> [targets...]
+build() {
+    local dir=$1; shift
+    local targets=()
+    for t in "$@"; do targets+=(--target "$t"); done
+    cmake --build "$dir" -j "$MORVANE_JOBS" "${targets[@]}"
+}

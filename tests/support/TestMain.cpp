@@ -1,0 +1,14 @@
+// The runner of every test executable. A Qt core application lives on the main thread, so
+// that tests may run the real main queue; tests that drive time themselves install a manual
+// scheduler instead.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleMock(&argc, argv);
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    QCoreApplication app(argc, argv);
+    return RUN_ALL_TESTS();
+}
