@@ -220,9 +220,11 @@ def _listen(role, port, make):
 
 
 def _watch_stdin(stopping):
+    # The file descriptor, not sys.stdin: a daemon thread blocked inside a buffered reader
+    # holds its lock, and the interpreter aborts when it meets that lock on its way out.
     try:
-        while sys.stdin.buffer.read(4096):
+        while os.read(sys.stdin.fileno(), 4096):
             pass
-    except (OSError, ValueError):
+    except OSError:
         pass
     stopping.set()

@@ -23,7 +23,9 @@ MAX_BODY = 16 * 1024 * 1024
 
 
 def log(text):
-    print(f"devserver: {text}", file=sys.stderr, flush=True)
+    # One unbuffered write per line: lines of concurrent requests never mix, and a daemon
+    # thread logging while the interpreter exits holds no lock of sys.stderr.
+    os.write(sys.stderr.fileno(), f"devserver: {text}\n".encode())
 
 
 class State:
