@@ -182,7 +182,8 @@ void DevServer::start(const Options& options) {
     process_->setArguments(arguments);
     // A file, not a pipe: nobody reads the log while the test runs, and a full pipe would
     // stop the server in the middle of a request.
-    process_->setStandardErrorFile(QString::fromStdString((folder_.path() / "log").string()));
+    process_->setStandardErrorFile(
+        QString::fromStdString((folder_.path() / "devserver.log").string()));
     process_->start();
     if (!process_->waitForStarted(kStartMilliseconds)) {
         throw std::runtime_error("devserver: cannot start " + script.string() + ": " +
@@ -224,7 +225,7 @@ void DevServer::stop() {
 }
 
 std::string DevServer::log() const {
-    return readFile(folder_.path() / "log");
+    return readFile(folder_.path() / "devserver.log");
 }
 
 std::string DevServer::baseUrl() const {

@@ -39,6 +39,7 @@ public:
         Drop,          // the connection closed without a reply
     };
 
+    // Every member has an initializer, so that a designated initializer may leave any out.
     struct Fault {
         FaultMode mode = FaultMode::Error;
         /// kRegisterMethod or kConfigureMethod; both when absent.

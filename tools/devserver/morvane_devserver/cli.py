@@ -112,7 +112,13 @@ def _parser():
     parser.add_argument("--watch-stdin", action="store_true",
                         help="stop when standard input reaches its end, so that a parent "
                              "which dies, however it dies, takes the server with it")
-    return parser  # fmt: skip
+    return parser
+
+
+def _refuse(text):
+    """Bad input at start: the reason, and the status argparse gives a bad option."""
+    log(text)
+    sys.exit(2)
 
 
 def _load_policy(path):
@@ -120,13 +126,13 @@ def _load_policy(path):
         with open(path, encoding="utf-8") as file:
             policy = json.load(file)
     except OSError as problem:
-        raise SystemExit(f"devserver: cannot read the policy file: {problem}")
+        _refuse(f"cannot read the policy file: {problem}")
     except ValueError as problem:
-        raise SystemExit(f"devserver: the policy file {path} is not JSON: {problem}")
+        _refuse(f"the policy file {path} is not JSON: {problem}")
     try:
         validate(policy)
     except PolicyError as problem:
-        raise SystemExit(f"devserver: the policy file {path} is refused: {problem}")
+        _refuse(f"the policy file {path} is refused: {problem}")
     return policy
 
 
@@ -156,7 +162,7 @@ def main(argv=None):
     try:
         recorder = Recorder(args.record_file)
     except OSError as problem:
-        raise SystemExit(f"devserver: cannot open the record file: {problem}")
+        _refuse(f"cannot open the record file: {problem}")
     state = State(account, faultlib.FaultBook(pending), recorder)
 
     temporary = None
@@ -216,7 +222,8 @@ def _listen(role, port, make):
     try:
         return make()
     except OSError as problem:
-        raise RuntimeError(f"cannot listen on {HOST}:{port} for the {role} port: {problem.strerror}") from None
+        text = f"cannot listen on {HOST}:{port} for the {role} port: {problem.strerror}"
+        raise RuntimeError(text) from None
 
 
 def _watch_stdin(stopping):

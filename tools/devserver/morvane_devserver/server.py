@@ -50,7 +50,7 @@ def make_certificate(folder):
         "-nodes", "-days", "30", "-subj", "/O=MorvaneCloud development/CN=127.0.0.1",
         "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost",
         "-keyout", key, "-out", cert,
-    ]  # fmt: skip
+    ]
     try:
         done = subprocess.run(command, capture_output=True, text=True, timeout=60)
     except FileNotFoundError:
@@ -242,7 +242,7 @@ class ControlHandler(http.server.BaseHTTPRequestHandler):
                     "control_port": state.control_port,
                     "url": f"https://{HOST}:{state.port}",
                     "certificate": state.certificate,
-                })  # fmt: skip
+                })
             elif route == ("GET", "/requests"):
                 since = query.get("since", ["0"])[0]
                 if not since.isdigit():
@@ -272,7 +272,7 @@ class ControlHandler(http.server.BaseHTTPRequestHandler):
                 self._reply(200, {
                     "install_keys": snapshot["install_keys"],
                     "device_keys": list(snapshot["devices"]),
-                })  # fmt: skip
+                })
             elif route == ("POST", "/policy"):
                 self._set_policy(body)
             else:
