@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "device/JSONCoding.h"
 #include "platform/Files.h"
 #include "platform/SystemPaths.h"
 #include "settings/KeyValueText.h"
@@ -35,6 +36,21 @@ bool ConfigFileWriter::saveConfigFile(const std::string& text, const fs::path& u
     }
     Utils::fixOwner(url);
     return true;
+}
+
+void ConfigFileWriter::saveConfiguration(const MainConfiguration& configuration, bool quiet) {
+    std::string error;
+    const auto text = encodeJSON(configuration, &error);
+    if (!text) {
+        logger->log("Failed to get JSON string from the device register " + error,
+                    LogLevel::production);
+    } else if (const auto url = Utils::configFileURL()) {
+        saveConfigFile(*text, *url);
+    }
+    if (!quiet) {
+        logger->log("Configuration Succeeded:: Configration file", LogLevel::production);
+        logger->log(text.value_or(""), LogLevel::production);
+    }
 }
 
 void ConfigFileWriter::deleteHandOverFile() {

@@ -6,6 +6,7 @@
 
 #include "core/Injected.h"
 #include "core/TarnLogger.h"
+#include "device/MainConfiguration.h"
 
 namespace morvane {
 
@@ -18,6 +19,9 @@ public:
 
     /// Writes the text to the file and gives it to the user named by "PWD".
     bool saveConfigFile(const std::string& text, const std::filesystem::path& url);
+    /// Saves the enrolment answer as "config.json" with sorted keys. An answer that cannot be
+    /// encoded leaves the stored file alone.
+    void saveConfiguration(const MainConfiguration& configuration, bool quiet);
     /// Replaces the hand-over file with the KEY=VALUE text of the entries.
     void writeHandOverFile(const std::map<std::string, std::string>& entries);
     /// Removes the hand-over file, then waits one second (blocking) so that a watcher sees

@@ -5,8 +5,11 @@
 #include <cstring>
 #include <system_error>
 
+#include "device/JSONCoding.h"
 #include "platform/Files.h"
 #include "platform/SystemPaths.h"
+#include "settings/KeyValueText.h"
+#include "settings/Settings.h"
 
 extern char** environ;
 
@@ -124,6 +127,64 @@ fs::path Utils::installerConfigurationURL() {
 
 fs::path Utils::installerValuesURL() {
     return platform::userHomeDirectory() / ".cache" / "com.lorvex.tarnConfig";
+}
+
+std::optional<DeviceConfiguration> Utils::readDeviceConfiguration() {
+    const auto url = deviceFileURL();
+    if (!url) {
+        return std::nullopt;
+    }
+    const auto text = platform::readTextFile(*url);
+    if (!text) {
+        return std::nullopt;
+    }
+    auto configuration = decodeJSON<DeviceConfiguration>(*text);
+    if (!configuration) {
+        writeLine("device config doesnt exist at ~Library/Caches/config.json. Recreating");
+    }
+    return configuration;
+}
+
+std::optional<DeviceConfiguration> Utils::readTestDeviceConfiguration(const Settings& settings) {
+    const auto path = settings.userDefaults->stringForKey(
+        std::string(rawValue(MorvaneServerInfoSection::testDeviceConfigPath)));
+    if (!path) {
+        return std::nullopt;
+    }
+    const auto text = platform::readTextFile(*path);
+    if (!text) {
+        return std::nullopt;
+    }
+    auto configuration = decodeJSON<DeviceConfiguration>(*text);
+    if (!configuration) {
+        writeLine("Failed to read JSON config for device config");
+    }
+    return configuration;
+}
+
+std::optional<DeviceConfiguration> Utils::readDeviceConfigurationWithOverlay(
+    const Settings& settings) {
+    auto base = readDeviceConfiguration();
+    const auto overlay = settings.userDefaults->stringForKey(
+        std::string(rawValue(MorvaneServerInfoSection::testDeviceInputConfig)));
+    if (overlay) {
+        if (auto cfg = decodeJSON<Configuration>(*overlay); cfg && base && base->result) {
+            base->result->cfg = std::move(*cfg);
+        }
+    }
+    return base;
+}
+
+void Utils::getValuesFromInstaller(Settings& settings) {
+    const auto text = readInstallerValues();
+    if (!text) {
+        return;
+    }
+    for (const auto& [key, value] : key_value_text::parse(*text)) {
+        writeLine("getValuesFromInstaller:  saving value " + value + " for key " +
+                  std::string(rawValue(key)));
+        settings.setValue(value, key);
+    }
 }
 
 std::optional<std::string> Utils::readInstallerValues() {

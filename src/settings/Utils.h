@@ -4,7 +4,11 @@
 #include <optional>
 #include <string>
 
+#include "device/DeviceConfiguration.h"
+
 namespace morvane {
+
+class Settings;
 
 /// Where the agent's files are, and what the process was started as. A run from the command
 /// line under sudo runs as root but works for the user who typed the command; the paths are
@@ -16,6 +20,18 @@ public:
     static std::optional<std::filesystem::path> supportFileURL(const std::string& name);
     static std::optional<std::filesystem::path> configFileURL();
     static std::optional<std::filesystem::path> deviceFileURL();
+
+    /// The stored policy ("device.json"); nothing when it is missing or undecodable.
+    static std::optional<DeviceConfiguration> readDeviceConfiguration();
+    /// The stored policy with its "cfg" replaced by the one in "TEST_DEVICE_CONFIG", when that
+    /// decodes and the stored policy has a result.
+    static std::optional<DeviceConfiguration> readDeviceConfigurationWithOverlay(
+        const Settings& settings);
+    /// The policy in the file named by "TEST_DEVICE_CONFIG_PATH", if any.
+    static std::optional<DeviceConfiguration> readTestDeviceConfiguration(const Settings& settings);
+    /// Imports every KEY=VALUE line of the installer's values file into the settings; the
+    /// file stays as it is.
+    static void getValuesFromInstaller(Settings& settings);
 
     /// The installer's files, in the cache folder of the account's home.
     static std::filesystem::path installerConfigurationURL();
