@@ -253,7 +253,7 @@ MORVANE_CHILD_ROLE(writeForever) {
     Dependencies::build(DepenencyInjection::serviceTable());
     platform::MainQueue::setScheduler(std::make_shared<platform::ManualScheduler>());
     ConfigFileWriter writer;
-    const std::string big(64 << 20, 'x');
+    const std::string big(16 << 20, 'x');
     for (;;) {
         writer.saveConfigFile(big, *Utils::configFileURL());
     }
@@ -262,19 +262,11 @@ MORVANE_CHILD_ROLE(writeForever) {
 TEST_F(SettingsTest, AKilledWriterNeverLeavesHalfAFile) {
     const auto file = supportFolder() / "config.json";
     test::writeFile(file, kMainConfiguration);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::setenv("MORVANE_TEST_CHILD_ROLE", "writeForever", 1);
-        char self[4096];
-        const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-        self[length > 0 ? length : 0] = '\0';
-        ::execl(self, self, static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
+    const pid_t child = test::startChild("writeForever", {});
+    ASSERT_GT(child, 0);
     // Wait until a temporary file beside the target shows that a write is under way.
     bool writing = false;
-    for (int i = 0; i < 2000 && !writing; ++i) {
+    for (int i = 0; i < 12000 && !writing; ++i) {
         for (const auto& entry : fs::directory_iterator(supportFolder())) {
             writing = writing || entry.path().filename() != "config.json";
         }
@@ -286,7 +278,7 @@ TEST_F(SettingsTest, AKilledWriterNeverLeavesHalfAFile) {
     ::waitpid(child, nullptr, 0);
     ASSERT_TRUE(writing) << "the writer never started";
     const std::string content = test::readFile(file);
-    EXPECT_TRUE(content == kMainConfiguration || content == std::string(64 << 20, 'x'))
+    EXPECT_TRUE(content == kMainConfiguration || content == std::string(16 << 20, 'x'))
         << "config.json holds " << content.size() << " bytes of a partial write";
 }
 
