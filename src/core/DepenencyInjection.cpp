@@ -3,6 +3,8 @@
 #include "core/ChangeObserver.h"
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
+#include "device/ComputerNameManager.h"
+#include "device/DeviceServerAPI.h"
 #include "platform/NotificationCenter.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/Settings.h"
@@ -24,6 +26,8 @@ std::vector<Service> DepenencyInjection::serviceTable() {
     }));
     rows.push_back(Service::global<ChangeObserver>());
     rows.push_back(Service::global<TarnLogger>());
+    rows.push_back(Service::global<DeviceServerAPI>());
+    rows.push_back(Service::global<ComputerNameManager>());
     return rows;
 }
 

@@ -94,6 +94,17 @@ std::string_view escapeFor(unsigned char c, char (&scratch)[7]) {
 
 }  // namespace
 
+bool isValidUTF8(std::string_view text) {
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = utf8SequenceLength(text.substr(i));
+        if (length == 0) {
+            return false;
+        }
+        i += length;
+    }
+    return true;
+}
+
 std::string CodingPath::text() const {
     if (parent_ == nullptr) {
         return "$";

@@ -299,6 +299,10 @@ void encodeValue(JSONWriter& out, const T& value) {
 
 }  // namespace coding
 
+/// True when the bytes are well-formed UTF-8 (no overlong forms, no surrogates), the test
+/// the coders apply to every text they write.
+bool isValidUTF8(std::string_view text);
+
 /// Decodes one message from UTF-8 JSON bytes. Any failure gives nothing at all, never a partial
 /// record; `error`, when given, receives the reason.
 template <typename T>
