@@ -4,6 +4,7 @@
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
 #include "device/ComputerNameManager.h"
+#include "device/DeviceConfigManager.h"
 #include "device/DeviceServerAPI.h"
 #include "platform/NotificationCenter.h"
 #include "settings/ConfigFileWriter.h"
@@ -27,6 +28,7 @@ std::vector<Service> DepenencyInjection::serviceTable() {
     rows.push_back(Service::global<ChangeObserver>());
     rows.push_back(Service::global<TarnLogger>());
     rows.push_back(Service::global<DeviceServerAPI>());
+    rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
     return rows;
 }

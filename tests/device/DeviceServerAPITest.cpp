@@ -148,14 +148,14 @@ TEST_F(DeviceServerAPITest, AMissingOrBrokenURLKeepsTheEarlierClient) {
     set(Key::rpcURL, server_->baseUrl());
     ASSERT_TRUE(enrol().configuration);
     const auto client = api()->networking();
-    for (const char* broken : {"not a url", "https://host:99999", ""}) {
+    for (const char* broken : {"not a url", "https://host:99999"}) {
         set(Key::rpcURL, broken);
         text = output([&] { result = enrol(); });
         EXPECT_TRUE(result->configuration) << broken;
         EXPECT_TRUE(contains(text, "missing RTC_URL in configureNetworking")) << broken;
         EXPECT_EQ(api()->networking(), client);
     }
-    EXPECT_EQ(server_->requestsTo("/api/register").size(), 4u);
+    EXPECT_EQ(server_->requestsTo("/api/register").size(), 3u);
 }
 
 TEST_F(DeviceServerAPITest, ASelfSignedServerIsRefusedUnlessWeakKeysAreAllowedExactly) {
@@ -237,27 +237,8 @@ TEST_F(DeviceServerAPITest, EnrolmentFailuresComeBackAsTheyHappened) {
     server_->clearRequests();
     text = output([&] { result = enrol("bad \xff name"); });
     EXPECT_FALSE(result->configuration || result->error);
-    EXPECT_TRUE(contains(text, "error in converting the payload to data: JSONSerialization"));
     EXPECT_TRUE(contains(text, "Failed to extract data from dataFromPayload()"));
-    text = output([&] { configure("key", std::string("bad \xff place")); });
-    EXPECT_TRUE(contains(text, "Failed to extract data from dataFromConfigRequest()"));
     EXPECT_TRUE(server_->requests().empty());
-}
-
-TEST_F(DeviceServerAPITest, CallsOnSeveralThreadsKeepTheirOwnResults) {
-    // The first enrolment stalls, so the second overtakes it.
-    fault(Mode::Stall, DevServer::kRegisterMethod, {.stall = std::chrono::milliseconds(1500)});
-    auto first = std::async(std::launch::async,
-                            [&] { return api()->registerDevice(DevServer::kInstallKey, "first"); });
-    while (server_->requests().empty()) {
-        std::this_thread::yield();
-    }
-    const auto second = enrol("second");
-    const auto stalled = first.get();
-    ASSERT_TRUE(stalled.configuration && stalled.configuration->result);
-    ASSERT_TRUE(second.configuration && second.configuration->result);
-    EXPECT_EQ(stalled.configuration->result->name, "first");
-    EXPECT_EQ(second.configuration->result->name, "second");
 }
 
 // On the real main loop: the call comes back within its limit, other blocks queued there wait
