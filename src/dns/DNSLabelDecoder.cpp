@@ -1,8 +1,21 @@
 #include "dns/DNSLabelDecoder.h"
 
+#include <span>
+
 #include "dns/DNSWireReader.h"
 
 namespace morvane::dns {
+namespace {
+
+bool isASCII(std::span<const std::uint8_t> bytes) {
+    std::uint8_t all = 0;
+    for (const std::uint8_t byte : bytes) {
+        all |= byte;
+    }
+    return all <= wire::highestLabelByte;
+}
+
+}  // namespace
 
 void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                                           std::uint32_t length) {
@@ -18,12 +31,12 @@ void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint3
             failAndReset();
             return;
         }
-        const std::uint8_t byte = reader.readUInt8();
         switch (state_) {
-            case State::readLength:
+            case State::readLength: {
+                const std::uint8_t byte = reader.readUInt8();
                 if ((byte & wire::pointerTag) == wire::pointerTag) {
-                    resetBufferToSize(2);
-                    buffer_[bufferOffset_++] = byte & static_cast<std::uint8_t>(~wire::pointerTag);
+                    pointerHighBits_ = byte & static_cast<std::uint8_t>(~wire::pointerTag);
+                    resetBufferToSize(1);
                     state_ = State::readPointer;
                 } else if (byte == 0) {
                     compileNameAndReset();
@@ -39,22 +52,26 @@ void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint3
                     state_ = State::readLabel;
                 }
                 break;
-            case State::readLabel:
-                if (byte > wire::highestLabelByte) {
+            }
+            case State::readLabel: {
+                // The whole label in one step; it fails like a byte-wise read would, at the
+                // end of the buffer or at the first byte that is no ASCII.
+                const auto label = reader.readBytes(bufferSize_);
+                if (reader.failed() || !isASCII(label)) {
                     failAndReset();
                     return;
                 }
-                buffer_[bufferOffset_++] = byte;
-                if (bufferOffset_ == bufferSize_) {
-                    labels_.emplace_back(reinterpret_cast<const char*>(buffer_.data()),
-                                         bufferSize_);
-                    resetBufferToSize(0);
-                    state_ = State::readLength;
+                if (!labels_.empty()) {
+                    labels_ += '.';
                 }
+                labels_.append(reinterpret_cast<const char*>(label.data()), label.size());
+                resetBufferToSize(0);
+                state_ = State::readLength;
                 break;
+            }
             case State::readPointer: {
-                buffer_[bufferOffset_++] = byte;
-                const auto target = static_cast<std::uint32_t>(buffer_[0] << 8 | buffer_[1]);
+                const std::uint32_t target =
+                    std::uint32_t{pointerHighBits_} << 8 | reader.readUInt8();
                 if (++pointerHops > maximumPointerHops) {
                     failAndReset();
                     return;
@@ -72,22 +89,11 @@ void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint3
 }
 
 void DNSLabelDecoder::compileNameAndReset() {
-    std::string name;
     if (labels_.empty()) {
-        name = ".";
+        name_.emplace(1, '.');
     } else {
-        std::size_t size = labels_.size() - 1;
-        for (const std::string& label : labels_) {
-            size += label.size();
-        }
-        name.reserve(size);
-        name += labels_.front();
-        for (std::size_t index = 1; index < labels_.size(); ++index) {
-            name += '.';
-            name += labels_[index];
-        }
+        name_ = std::move(labels_);
     }
-    name_ = std::move(name);
     labels_.clear();
     resetBufferToSize(0);
     state_ = State::readLength;
@@ -95,7 +101,6 @@ void DNSLabelDecoder::compileNameAndReset() {
 
 void DNSLabelDecoder::resetBufferToSize(std::uint32_t size) {
     bufferSize_ = size;
-    bufferOffset_ = 0;
 }
 
 void DNSLabelDecoder::failAndReset() {

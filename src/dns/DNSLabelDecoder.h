@@ -1,19 +1,17 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "dns/DNSWireFormat.h"
 
 namespace morvane::dns {
 
-/// Reads one name, byte by byte, with a three-state machine: a length byte, the bytes of a
-/// label, or the second byte of a compression pointer. A pointer carries the name on at its
-/// target; the caller's offset stays behind the two pointer bytes.
+/// Reads one name with a three-state machine: a length byte, the bytes of the label it
+/// announced, or the second byte of a compression pointer. A pointer carries the name on at
+/// its target; the caller's offset stays behind the two pointer bytes.
 ///
 /// A name fails, and `name` stays absent, when a byte would lie at or past the end of the
 /// buffer, when a label holds a byte above 127 (no ASCII text), when the name grows beyond
@@ -21,8 +19,9 @@ namespace morvane::dns {
 /// hold, which is how a pointer loop, direct or through others, ends. A pointer whose target
 /// fails fails the whole name. On failure the caller's offset is left where it was.
 ///
-/// One decoder may read many names in turn: each call starts afresh, and the label list
-/// keeps its capacity, so a message's names cost no allocation beyond their own text.
+/// Labels are kept joined with "." as they are read, straight from the buffer, so a name
+/// costs no allocation beyond its own text, and compiling it moves that text instead of
+/// joining copies. One decoder may read many names in turn: each call starts afresh.
 class DNSLabelDecoder {
 public:
     enum class State : std::uint8_t { readLength = 0, readLabel = 1, readPointer = 2 };
@@ -34,8 +33,8 @@ public:
     void decodeLabelInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                              std::uint32_t length);
 
-    /// Joins the labels read so far with "." into `name` ("." when there are none) and makes
-    /// the decoder ready for the next name.
+    /// `name` becomes the labels read so far joined with "." ("." when there are none), and
+    /// the decoder is ready for the next name.
     void compileNameAndReset();
 
     State state() const { return state_; }
@@ -51,11 +50,11 @@ private:
     void failAndReset();
 
     State state_ = State::readLength;
-    // Large enough for the longest label a length byte can announce; no allocation per label.
-    std::array<std::uint8_t, wire::maximumLabelSize> buffer_{};
+    // What the current state still expects: the label's length in read-label, and in
+    // read-pointer the offset bits of the pointer's first byte.
     std::uint32_t bufferSize_ = 0;
-    std::uint32_t bufferOffset_ = 0;
-    std::vector<std::string> labels_;
+    std::uint8_t pointerHighBits_ = 0;
+    std::string labels_;
     std::optional<std::string> name_;
 };
 
