@@ -325,7 +325,19 @@ int main(int argc, char** argv) {
             }
         }
     }
-    benchmark::Initialize(&argc, argv);
+    // Repetitions of all three libraries are shuffled together, so that a busy moment of the
+    // machine does not fall on one library only.
+    std::string interleave = "--benchmark_enable_random_interleaving=true";
+    std::vector<char*> arguments;
+    arguments.reserve(static_cast<std::size_t>(argc) + 1);
+    for (int index = 0; index < argc; ++index) {
+        arguments.push_back(argv[index]);
+        if (index == 0) {
+            arguments.push_back(interleave.data());
+        }
+    }
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.printRatios();

@@ -14,6 +14,11 @@ public:
     void decodeHeaderInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                               std::uint32_t length);
 
+    /// The same, reading straight into `header`; false when the buffer was too short, with
+    /// `header` then untouched.
+    bool decodeHeaderInto(DNSHeader& header, const std::uint8_t* buffer, std::uint32_t& offset,
+                          std::uint32_t length);
+
     const std::optional<DNSHeader>& header() const { return header_; }
 
 private:

@@ -7,10 +7,13 @@
 namespace morvane::dns {
 namespace {
 
-bool isASCII(std::span<const std::uint8_t> bytes) {
+// Copies a label's bytes behind the name read so far and tells whether all were ASCII, in one
+// pass: labels are short, and a loop the compiler can see through beats a call to memcpy.
+bool appendASCII(std::span<const std::uint8_t> label, char* destination) {
     std::uint8_t all = 0;
-    for (const std::uint8_t byte : bytes) {
+    for (const std::uint8_t byte : label) {
         all |= byte;
+        *destination++ = static_cast<char>(byte);
     }
     return all <= wire::highestLabelByte;
 }
@@ -20,6 +23,28 @@ bool isASCII(std::span<const std::uint8_t> bytes) {
 void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                                           std::uint32_t length) {
     name_.reset();
+    if (readLabels(buffer, offset, length)) {
+        compileNameAndReset();
+    }
+}
+
+bool DNSLabelDecoder::decodeLabelInto(std::string& name, const std::uint8_t* buffer,
+                                      std::uint32_t& offset, std::uint32_t length) {
+    if (!readLabels(buffer, offset, length)) {
+        return false;
+    }
+    // Straight from the labels into the caller's text: one copy, not two.
+    if (labelsSize_ == 0) {
+        name.assign(1, '.');
+    } else {
+        name.assign(labels_.data(), labelsSize_);
+    }
+    labelsSize_ = 0;
+    return true;
+}
+
+bool DNSLabelDecoder::readLabels(const std::uint8_t* buffer, std::uint32_t& offset,
+                                 std::uint32_t length) {
     DNSWireReader reader(buffer, length, offset);
     // Where the caller's offset ends up once the first pointer has been taken.
     std::optional<std::uint32_t> offsetBehindPointer;
@@ -29,7 +54,7 @@ void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint3
     while (true) {
         if (reader.atEnd()) {
             failAndReset();
-            return;
+            return false;
         }
         switch (state_) {
             case State::readLength: {
@@ -39,14 +64,14 @@ void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint3
                     resetBufferToSize(1);
                     state_ = State::readPointer;
                 } else if (byte == 0) {
-                    compileNameAndReset();
+                    // The name is whole; the caller compiles it from the labels.
                     offset = offsetBehindPointer.value_or(reader.offset());
-                    return;
+                    return true;
                 } else {
                     wireSize += 1 + byte;
                     if (wireSize > wire::maximumNameSize) {
                         failAndReset();
-                        return;
+                        return false;
                     }
                     resetBufferToSize(byte);
                     state_ = State::readLabel;
@@ -57,14 +82,20 @@ void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint3
                 // The whole label in one step; it fails like a byte-wise read would, at the
                 // end of the buffer or at the first byte that is no ASCII.
                 const auto label = reader.readBytes(bufferSize_);
-                if (reader.failed() || !isASCII(label)) {
+                if (reader.failed()) {
                     failAndReset();
-                    return;
+                    return false;
                 }
-                if (!labels_.empty()) {
-                    labels_ += '.';
+                // The size check on the length byte keeps this within the array: the text of a
+                // name is two bytes shorter than its wire form.
+                if (labelsSize_ > 0) {
+                    labels_[labelsSize_++] = '.';
                 }
-                labels_.append(reinterpret_cast<const char*>(label.data()), label.size());
+                if (!appendASCII(label, labels_.data() + labelsSize_)) {
+                    failAndReset();
+                    return false;
+                }
+                labelsSize_ += static_cast<std::uint32_t>(label.size());
                 resetBufferToSize(0);
                 state_ = State::readLength;
                 break;
@@ -74,7 +105,7 @@ void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint3
                     std::uint32_t{pointerHighBits_} << 8 | reader.readUInt8();
                 if (++pointerHops > maximumPointerHops) {
                     failAndReset();
-                    return;
+                    return false;
                 }
                 if (!offsetBehindPointer) {
                     offsetBehindPointer = reader.offset();
@@ -89,12 +120,12 @@ void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint3
 }
 
 void DNSLabelDecoder::compileNameAndReset() {
-    if (labels_.empty()) {
+    if (labelsSize_ == 0) {
         name_.emplace(1, '.');
     } else {
-        name_ = std::move(labels_);
+        name_.emplace(labels_.data(), labelsSize_);
     }
-    labels_.clear();
+    labelsSize_ = 0;
     resetBufferToSize(0);
     state_ = State::readLength;
 }
@@ -105,7 +136,7 @@ void DNSLabelDecoder::resetBufferToSize(std::uint32_t size) {
 
 void DNSLabelDecoder::failAndReset() {
     name_.reset();
-    labels_.clear();
+    labelsSize_ = 0;
     resetBufferToSize(0);
     state_ = State::readLength;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,9 +20,9 @@ namespace morvane::dns {
 /// hold, which is how a pointer loop, direct or through others, ends. A pointer whose target
 /// fails fails the whole name. On failure the caller's offset is left where it was.
 ///
-/// Labels are kept joined with "." as they are read, straight from the buffer, so a name
-/// costs no allocation beyond its own text, and compiling it moves that text instead of
-/// joining copies. One decoder may read many names in turn: each call starts afresh.
+/// Labels are kept joined with "." as they are read, straight from the buffer into a fixed
+/// array, so a name costs no allocation beyond its own text. One decoder may read many names in
+/// turn: each call starts afresh.
 class DNSLabelDecoder {
 public:
     enum class State : std::uint8_t { readLength = 0, readLabel = 1, readPointer = 2 };
@@ -32,6 +33,11 @@ public:
 
     void decodeLabelInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                              std::uint32_t length);
+
+    /// The same, writing a decoded name straight into `name`; false, and `name` untouched,
+    /// when the name failed. For decoders that put the name into something of their own.
+    bool decodeLabelInto(std::string& name, const std::uint8_t* buffer, std::uint32_t& offset,
+                         std::uint32_t length);
 
     /// `name` becomes the labels read so far joined with "." ("." when there are none), and
     /// the decoder is ready for the next name.
@@ -46,6 +52,8 @@ public:
     }
 
 private:
+    // The state machine; true at the zero byte that ends the name, with the labels read.
+    bool readLabels(const std::uint8_t* buffer, std::uint32_t& offset, std::uint32_t length);
     void resetBufferToSize(std::uint32_t size);
     void failAndReset();
 
@@ -54,7 +62,10 @@ private:
     // read-pointer the offset bits of the pointer's first byte.
     std::uint32_t bufferSize_ = 0;
     std::uint8_t pointerHighBits_ = 0;
-    std::string labels_;
+    // The labels read so far, joined with ".", in place: a name's text fits in fewer bytes
+    // than its wire form, so no name needs more.
+    std::array<char, wire::maximumNameSize> labels_;
+    std::uint32_t labelsSize_ = 0;
     std::optional<std::string> name_;
 };
 

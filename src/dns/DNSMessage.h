@@ -13,7 +13,9 @@ namespace morvane::dns {
 /// counts as empty. Copies are deep: records are cloned with their class.
 class DNSMessage {
 public:
-    DNSMessage() = default;
+    // Written out rather than defaulted: a defaulted constructor makes value-initialisation
+    // zero the whole object first, which showed as a tenth of decoding a small query.
+    DNSMessage() noexcept {}
     DNSMessage(const DNSMessage& other);
     DNSMessage& operator=(const DNSMessage& other);
     DNSMessage(DNSMessage&&) noexcept = default;

@@ -19,42 +19,45 @@ std::size_t plausibleCount(std::uint16_t count, std::uint32_t offset, std::uint3
 }  // namespace
 
 void DNSMessageDecoder::decodeMessageInBuffer(const std::uint8_t* buffer, std::uint32_t length) {
-    message_.reset();
-    std::uint32_t offset = 0;
-    std::optional<DNSHeader> header = decodeHeaderWithBuffer(buffer, offset, length);
-    if (!header) {
-        return;
+    // Built in place, so that a decoded message is never moved or copied on its way out.
+    if (!decodeMessage(message_.emplace(), buffer, length)) {
+        message_.reset();
     }
-    DNSMessage message;
-    message.header = *header;
-    if (header->questionCount > 0) {
-        message.questions = decodeQuestionsWithCount(header->questionCount, buffer, offset, length);
+}
+
+bool DNSMessageDecoder::decodeMessage(DNSMessage& message, const std::uint8_t* buffer,
+                                      std::uint32_t length) {
+    std::uint32_t offset = 0;
+    if (!decodeHeaderWithBuffer(message.header, buffer, offset, length)) {
+        return false;
+    }
+    const DNSHeader& header = message.header;
+    if (header.questionCount > 0) {
+        message.questions = decodeQuestionsWithCount(header.questionCount, buffer, offset, length);
         if (!message.questions) {
-            return;
+            return false;
         }
     }
     const std::pair<std::uint16_t, std::optional<DNSResourceRecordList>*> sections[] = {
-        {header->answerRecordCount, &message.answers},
-        {header->authorityRecordCount, &message.authorityRecords},
-        {header->additionalRecordCount, &message.additionalRecords},
+        {header.answerRecordCount, &message.answers},
+        {header.authorityRecordCount, &message.authorityRecords},
+        {header.additionalRecordCount, &message.additionalRecords},
     };
     for (const auto& [count, records] : sections) {
         if (count > 0) {
             *records = decodeResourceRecordWithCount(count, buffer, offset, length);
             if (!*records) {
-                return;
+                return false;
             }
         }
     }
-    message_ = std::move(message);
+    return true;
 }
 
-std::optional<DNSHeader> DNSMessageDecoder::decodeHeaderWithBuffer(const std::uint8_t* buffer,
-                                                                   std::uint32_t& offset,
-                                                                   std::uint32_t length) {
+bool DNSMessageDecoder::decodeHeaderWithBuffer(DNSHeader& header, const std::uint8_t* buffer,
+                                               std::uint32_t& offset, std::uint32_t length) {
     DNSHeaderDecoder decoder;
-    decoder.decodeHeaderInBuffer(buffer, offset, length);
-    return decoder.header();
+    return decoder.decodeHeaderInto(header, buffer, offset, length);
 }
 
 // One failed item means the list comes up short of its count and the message is lost, so
@@ -65,11 +68,10 @@ std::optional<std::vector<DNSQuestion>> DNSMessageDecoder::decodeQuestionsWithCo
     questions.reserve(
         plausibleCount(count, offset, length, wire::minimumNameSize + wire::questionFixedSize));
     for (std::uint16_t index = 0; index < count; ++index) {
-        questionDecoder_.decodeQuestionInBuffer(buffer, offset, length);
-        if (!questionDecoder_.question()) {
+        if (!questionDecoder_.decodeQuestionInto(questions.emplace_back(), buffer, offset,
+                                                 length)) {
             return std::nullopt;
         }
-        questions.push_back(*questionDecoder_.takeQuestion());
     }
     return questions;
 }
@@ -80,11 +82,11 @@ std::optional<DNSResourceRecordList> DNSMessageDecoder::decodeResourceRecordWith
     records.reserve(
         plausibleCount(count, offset, length, wire::minimumNameSize + wire::recordFixedSize));
     for (std::uint16_t index = 0; index < count; ++index) {
-        resourceDecoder_.decodeResourceInBuffer(buffer, offset, length);
-        if (!resourceDecoder_.resource()) {
+        auto record = std::make_unique<DNSResourceRecord>();
+        if (!resourceDecoder_.decodeResourceInto(*record, buffer, offset, length)) {
             return std::nullopt;
         }
-        records.push_back(resourceDecoder_.takeResource());
+        records.push_back(std::move(record));
     }
     return records;
 }

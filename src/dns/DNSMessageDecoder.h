@@ -26,8 +26,9 @@ public:
     }
 
 private:
-    std::optional<DNSHeader> decodeHeaderWithBuffer(const std::uint8_t* buffer,
-                                                    std::uint32_t& offset, std::uint32_t length);
+    bool decodeMessage(DNSMessage& message, const std::uint8_t* buffer, std::uint32_t length);
+    bool decodeHeaderWithBuffer(DNSHeader& header, const std::uint8_t* buffer,
+                                std::uint32_t& offset, std::uint32_t length);
     std::optional<std::vector<DNSQuestion>> decodeQuestionsWithCount(std::uint16_t count,
                                                                      const std::uint8_t* buffer,
                                                                      std::uint32_t& offset,

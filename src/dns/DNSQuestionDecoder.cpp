@@ -7,19 +7,26 @@ namespace morvane::dns {
 void DNSQuestionDecoder::decodeQuestionInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                                                 std::uint32_t length) {
     question_.reset();
+    DNSQuestion question;
+    if (decodeQuestionInto(question, buffer, offset, length)) {
+        question_ = std::move(question);
+    }
+}
+
+bool DNSQuestionDecoder::decodeQuestionInto(DNSQuestion& question, const std::uint8_t* buffer,
+                                            std::uint32_t& offset, std::uint32_t length) {
     std::uint32_t nameEnd = offset;
-    labelDecoder_.decodeLabelInBuffer(buffer, nameEnd, length);
-    if (!labelDecoder_.name()) {
-        return;
+    if (!labelDecoder_.decodeLabelInto(question.name, buffer, nameEnd, length)) {
+        return false;
     }
     DNSWireReader reader(buffer, length, nameEnd);
-    const std::uint16_t type = reader.readUInt16();
-    const std::uint16_t questionClass = reader.readUInt16();
+    question.type = reader.readUInt16();
+    question.questionClass = reader.readUInt16();
     if (reader.failed()) {
-        return;
+        return false;
     }
-    question_ = DNSQuestion{type, questionClass, *labelDecoder_.takeName()};
     offset = reader.offset();
+    return true;
 }
 
 }  // namespace morvane::dns

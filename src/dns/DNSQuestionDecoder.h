@@ -17,6 +17,11 @@ public:
     void decodeQuestionInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                                 std::uint32_t length);
 
+    /// The same, reading straight into `question`; false when it failed, with `question`
+    /// then in no particular state. For decoders that collect many questions.
+    bool decodeQuestionInto(DNSQuestion& question, const std::uint8_t* buffer,
+                            std::uint32_t& offset, std::uint32_t length);
+
     const std::optional<DNSQuestion>& question() const { return question_; }
     std::optional<DNSQuestion> takeQuestion() {
         auto taken = std::move(question_);

@@ -17,6 +17,11 @@ public:
     void decodeResourceInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                                 std::uint32_t length);
 
+    /// The same, reading straight into `resource`; false when it failed, with `resource`
+    /// then in no particular state. For decoders that collect many records.
+    bool decodeResourceInto(DNSResourceRecord& resource, const std::uint8_t* buffer,
+                            std::uint32_t& offset, std::uint32_t length);
+
     /// Always a plain DNSResourceRecord; null when the last call failed.
     const std::unique_ptr<DNSResourceRecord>& resource() const { return resource_; }
     std::unique_ptr<DNSResourceRecord> takeResource() { return std::move(resource_); }
