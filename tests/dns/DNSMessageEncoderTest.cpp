@@ -3,7 +3,6 @@
 #include "dns/DNSCNAMEResourceRecord.h"
 #include "dns/DNSHeaderDecoder.h"
 #include "dns/DNSHeaderEncoder.h"
-#include "dns/DNSMessageDecoder.h"
 #include "dns/DNSMessageEncoder.h"
 #include "dns/DNSOPTResourceRecord.h"
 #include "dns/DNSWireWriter.h"
@@ -12,14 +11,9 @@
 namespace morvane::dns {
 namespace {
 
+using test::decode;
 using test::sizeOf;
 using test::wireBytes;
-
-std::optional<DNSMessage> decode(const std::vector<std::uint8_t>& bytes) {
-    DNSMessageDecoder decoder;
-    decoder.decodeMessageInBuffer(bytes.data(), sizeOf(bytes));
-    return decoder.takeMessage();
-}
 
 TEST(DNSHeaderCodecTest, EachFlagHasItsOwnBit) {
     struct Case {
