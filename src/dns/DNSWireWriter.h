@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -20,16 +19,13 @@ public:
     void writeUInt8(std::uint8_t value) { bytes_.push_back(value); }
 
     void writeUInt16(std::uint16_t value) {
-        const std::uint8_t wire[] = {static_cast<std::uint8_t>(value >> 8),
-                                     static_cast<std::uint8_t>(value)};
-        bytes_.insert(bytes_.end(), std::begin(wire), std::end(wire));
+        bytes_.push_back(static_cast<std::uint8_t>(value >> 8));
+        bytes_.push_back(static_cast<std::uint8_t>(value));
     }
 
     void writeUInt32(std::uint32_t value) {
-        const std::uint8_t wire[] = {
-            static_cast<std::uint8_t>(value >> 24), static_cast<std::uint8_t>(value >> 16),
-            static_cast<std::uint8_t>(value >> 8), static_cast<std::uint8_t>(value)};
-        bytes_.insert(bytes_.end(), std::begin(wire), std::end(wire));
+        writeUInt16(static_cast<std::uint16_t>(value >> 16));
+        writeUInt16(static_cast<std::uint16_t>(value));
     }
 
     void writeBytes(std::span<const std::uint8_t> bytes) {
