@@ -32,6 +32,24 @@ int limbsFor(int words) {
     return (words + 1) / 2;
 }
 
+/// The limbs of the absolute value: the value's own words when it is not negative, else its
+/// negation written to `buffer`. `count` gets the limbs in use (0 for zero). The most negative
+/// number gives 2^2239, read as unsigned.
+const AliasedLimb* magnitudeOf(const BigInt& value, Limb* buffer, int& count) {
+    const AliasedLimb* words = limbsOf(value.getData());
+    if (!value.isNegative()) {
+        count = limbs::normalizedSize(words, limbsFor(value.dataLength()));
+        return words;
+    }
+    Limb carry = 1;
+    for (int i = 0; i < kLimbs; ++i) {
+        buffer[i] = ~words[i] + carry;
+        carry = carry != 0 && buffer[i] == 0;
+    }
+    count = limbs::normalizedSize(buffer, kLimbs);
+    return buffer;
+}
+
 int digitValue(char c) {
     if (c >= '0' && c <= '9') {
         return c - '0';
@@ -181,7 +199,6 @@ std::string BigInt::toStringWithRadix(int radix) const {
         return "0";
     }
     const bool negative = isNegative();
-    const BigInt value = magnitude(*this);
 
     // Divide by the largest power of the radix that fits a limb, and split each remainder
     // into that many digits.
@@ -192,8 +209,11 @@ std::string BigInt::toStringWithRadix(int radix) const {
         ++digitsPerChunk;
     }
     Limb work[kLimbs];
-    std::memcpy(work, value.data_, sizeof(work));
-    int n = limbs::normalizedSize(work, kLimbs);
+    int n = 0;
+    const AliasedLimb* value = magnitudeOf(*this, work, n);
+    if (value != work) {
+        std::memcpy(work, data_, sizeof(work));
+    }
 
     static constexpr char kDigits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
     char reversed[kWords * 32 + 2];
@@ -255,60 +275,52 @@ BigInt BigInt::subtract(const BigInt& other) const {
     return r;
 }
 
-BigInt BigInt::magnitude(const BigInt& value) {
-    if (!value.isNegative()) {
-        return value;
-    }
+BigInt BigInt::fromMagnitude(const uint64_t* source, int count, bool negative,
+                             const char* overflowReason) {
+    const AliasedLimb* limbs = reinterpret_cast<const AliasedLimb*>(source);
+    count = limbs::normalizedSize(limbs, count);
     BigInt r(Uninitialized::tag);
-    uint64_t carry = 1;
-    for (int i = 0; i < kWords; ++i) {
-        uint64_t v = static_cast<uint64_t>(~value.data_[i]) + carry;
-        r.data_[i] = static_cast<uint32_t>(v);
-        carry = v >> 32;
+    AliasedLimb* out = limbsOf(r.data_);
+    for (int i = 0; i < count; ++i) {
+        out[i] = limbs[i];
     }
-    r.dataLength_ = kWords;
+    r.clearFrom(2 * count);
+    r.dataLength_ = std::max(1, 2 * count);
     r.trim();
-    return r;
-}
-
-BigInt BigInt::fromMagnitude(const BigInt& magnitude, bool negative, const char* overflowReason) {
-    if (magnitude.isNegative()) {
+    if (r.isNegative()) {
         // Only -2^2239 has a magnitude that reaches the sign bit, and its pattern is its own.
-        bool mostNegative = negative && magnitude.data_[kWords - 1] == 0x80000000u;
+        bool mostNegative = negative && r.data_[kWords - 1] == 0x80000000u;
         for (int i = 0; mostNegative && i < kWords - 1; ++i) {
-            mostNegative = magnitude.data_[i] == 0;
+            mostNegative = r.data_[i] == 0;
         }
         if (!mostNegative) {
             throw NamedException(kArithmetic, overflowReason);
         }
-        return magnitude;
+        return r;
     }
-    return negative && !magnitude.isZero() ? magnitude.negate() : magnitude;
-}
-
-int BigInt::compareMagnitudes(const BigInt& a, const BigInt& b) {
-    if (a.dataLength_ != b.dataLength_) {
-        return a.dataLength_ < b.dataLength_ ? -1 : 1;
-    }
-    for (int i = a.dataLength_ - 1; i >= 0; --i) {
-        if (a.data_[i] != b.data_[i]) {
-            return a.data_[i] < b.data_[i] ? -1 : 1;
+    if (negative && !r.isZero()) {
+        Limb carry = 1;
+        for (int i = 0; i < kLimbs; ++i) {
+            out[i] = ~out[i] + carry;
+            carry = carry != 0 && out[i] == 0;
         }
+        r.dataLength_ = kWords;
+        r.trim();
     }
-    return 0;
+    return r;
 }
 
 BigInt BigInt::multiply(const BigInt& other) const {
     const bool negative = isNegative() != other.isNegative();
-    const BigInt a = magnitude(*this);
-    const BigInt b = magnitude(other);
-    if (a.isZero() || b.isZero()) {
+    Limb xBuffer[kLimbs];
+    Limb yBuffer[kLimbs];
+    int nx = 0;
+    int ny = 0;
+    const AliasedLimb* x = magnitudeOf(*this, xBuffer, nx);
+    const AliasedLimb* y = magnitudeOf(other, yBuffer, ny);
+    if (nx == 0 || ny == 0) {
         return BigInt();
     }
-    const AliasedLimb* x = limbsOf(a.data_);
-    const AliasedLimb* y = limbsOf(b.data_);
-    int nx = limbsFor(a.dataLength_);
-    int ny = limbsFor(b.dataLength_);
     if (nx < ny) {
         std::swap(x, y);
         std::swap(nx, ny);
@@ -320,8 +332,7 @@ BigInt BigInt::multiply(const BigInt& other) const {
             throw NamedException(kArithmetic, "overflow.");
         }
     }
-    return fromMagnitude(fromLimbs(product, std::min(nx + ny, kLimbs)), negative,
-                         "Multiplication overflow.");
+    return fromMagnitude(product, std::min(nx + ny, kLimbs), negative, "Multiplication overflow.");
 }
 
 BigInt BigInt::negate() const {
@@ -347,36 +358,26 @@ BigInt BigInt::abs() const {
     return isNegative() ? negate() : *this;
 }
 
-void BigInt::singleByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
-                              BigInt& outRemainder) {
-    outQuotient = bi1;
-    const int n = limbsFor(bi1.dataLength_);
-    const Limb rem =
-        limbs::divRem1(limbsOf(outQuotient.data_), limbsOf(outQuotient.data_), n, bi2.data_[0]);
-    outQuotient.trim();
-    outRemainder = createWithULong(rem);
+void BigInt::singleByteDivide(const uint64_t* a, int na, uint32_t divisor, uint64_t* quotient,
+                              uint64_t* remainder) {
+    remainder[0] = limbs::divRem1(reinterpret_cast<AliasedLimb*>(quotient),
+                                  reinterpret_cast<const AliasedLimb*>(a), na, divisor);
 }
 
-void BigInt::multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
-                             BigInt& outRemainder) {
-    const int na = limbsFor(bi1.dataLength_);
-    const int nd = limbs::normalizedSize(limbsOf(bi2.data_), limbsFor(bi2.dataLength_));
+void BigInt::multiByteDivide(const uint64_t* a, int na, const uint64_t* divisor, int nd,
+                             uint64_t* quotient, uint64_t* remainder) {
+    const AliasedLimb* u = reinterpret_cast<const AliasedLimb*>(a);
+    const AliasedLimb* d = reinterpret_cast<const AliasedLimb*>(divisor);
+    AliasedLimb* q = reinterpret_cast<AliasedLimb*>(quotient);
+    AliasedLimb* r = reinterpret_cast<AliasedLimb*>(remainder);
     if (nd == 1) {
         // Two words that fit one limb: the one-limb division does it.
-        outQuotient = bi1;
-        const Limb rem = limbs::divRem1(limbsOf(outQuotient.data_), limbsOf(outQuotient.data_), na,
-                                        limbsOf(bi2.data_)[0]);
-        outQuotient.trim();
-        outRemainder = createWithULong(rem);
+        r[0] = limbs::divRem1(q, u, na, d[0]);
         return;
     }
-    Limb q[kLimbs] = {};
-    Limb r[kLimbs];
     Limb work[kLimbs + 1];
     Limb dn[kLimbs];
-    limbs::divRem(q, r, limbsOf(bi1.data_), na, limbsOf(bi2.data_), nd, work, dn);
-    outQuotient = fromLimbs(q, na - nd + 1);
-    outRemainder = fromLimbs(r, nd);
+    limbs::divRem(q, r, u, na, d, nd, work, dn);
 }
 
 void BigInt::divideWithSigns(const BigInt& dividend, const BigInt& divisor, BigInt* quotient,
@@ -386,22 +387,38 @@ void BigInt::divideWithSigns(const BigInt& dividend, const BigInt& divisor, BigI
     }
     const bool dividendNegative = dividend.isNegative();
     const bool divisorNegative = divisor.isNegative();
-    const BigInt a = magnitude(dividend);
-    const BigInt b = magnitude(divisor);
-    BigInt q;
-    BigInt r;
-    if (compareMagnitudes(a, b) < 0) {
-        r = a;
-    } else if (b.dataLength_ == 1) {
-        singleByteDivide(a, b, q, r);
+    Limb aBuffer[kLimbs];
+    Limb bBuffer[kLimbs];
+    int na = 0;
+    int nb = 0;
+    const AliasedLimb* a = magnitudeOf(dividend, aBuffer, na);
+    const AliasedLimb* b = magnitudeOf(divisor, bBuffer, nb);
+    Limb q[kLimbs];
+    Limb r[kLimbs];
+    int nq = 0;
+    int nr = 0;
+    if (na < nb || (na == nb && limbs::compare(a, b, na) < 0)) {
+        // A dividend below the divisor is the remainder.
+        for (int i = 0; i < na; ++i) {
+            r[i] = a[i];
+        }
+        nr = na;
+    } else if (nb == 1 && b[0] <= UINT32_MAX) {
+        singleByteDivide(reinterpret_cast<const uint64_t*>(a), na, static_cast<uint32_t>(b[0]), q,
+                         r);
+        nq = na;
+        nr = 1;
     } else {
-        multiByteDivide(a, b, q, r);
+        multiByteDivide(reinterpret_cast<const uint64_t*>(a), na,
+                        reinterpret_cast<const uint64_t*>(b), nb, q, r);
+        nq = na - nb + 1;
+        nr = nb;
     }
     if (quotient != nullptr) {
-        *quotient = fromMagnitude(q, dividendNegative != divisorNegative, "Overflow");
+        *quotient = fromMagnitude(q, nq, dividendNegative != divisorNegative, "Overflow");
     }
     if (remainder != nullptr) {
-        *remainder = fromMagnitude(r, dividendNegative, "Overflow");
+        *remainder = fromMagnitude(r, nr, dividendNegative, "Overflow");
     }
 }
 

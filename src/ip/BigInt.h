@@ -130,18 +130,17 @@ private:
     void clearFrom(int from);
     /// The number made of `count` 64-bit limbs, least significant first, read as unsigned.
     static BigInt fromLimbs(const uint64_t* limbs, int count);
-    /// The absolute value as an unsigned 2240-bit pattern; unlike `abs`, the most negative
-    /// number has one (2^2239).
-    static BigInt magnitude(const BigInt& value);
-    /// The signed number of an unsigned magnitude; raises `overflowReason` when it does not fit.
-    static BigInt fromMagnitude(const BigInt& magnitude, bool negative, const char* overflowReason);
-    /// Compares two magnitudes as unsigned numbers: -1, 0 or 1.
-    static int compareMagnitudes(const BigInt& a, const BigInt& b);
+    /// The signed number whose absolute value is `count` limbs, least significant first;
+    /// raises `overflowReason` when it does not fit.
+    static BigInt fromMagnitude(const uint64_t* limbs, int count, bool negative,
+                                const char* overflowReason);
 
-    static void singleByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
-                                 BigInt& outRemainder);
-    static void multiByteDivide(const BigInt& bi1, const BigInt& bi2, BigInt& outQuotient,
-                                BigInt& outRemainder);
+    /// Division of magnitudes: quotient and remainder limbs of `a` (`na` limbs, at least the
+    /// divisor) by a divisor of one 32-bit word, or of two words or more.
+    static void singleByteDivide(const uint64_t* a, int na, uint32_t divisor, uint64_t* quotient,
+                                 uint64_t* remainder);
+    static void multiByteDivide(const uint64_t* a, int na, const uint64_t* divisor, int nd,
+                                uint64_t* quotient, uint64_t* remainder);
     /// Quotient and remainder with the signs that `divide` and `mod` give; either may be null.
     static void divideWithSigns(const BigInt& dividend, const BigInt& divisor, BigInt* quotient,
                                 BigInt* remainder);

@@ -11,9 +11,13 @@ namespace morvane::ip {
 namespace {
 
 std::shared_ptr<const IPBaseAddress> parseEither(std::string_view address) {
-    auto v4 = std::make_shared<const IPv4>(address);
-    if (v4->valid()) {
-        return v4;
+    // Dotted IPv4 has digits and dots only, so a text with a ":" would be thrown away as an
+    // invalid IPv4 address; it goes to IPv6 straight away.
+    if (address.find(':') == std::string_view::npos) {
+        auto v4 = std::make_shared<const IPv4>(address);
+        if (v4->valid()) {
+            return v4;
+        }
     }
     return std::make_shared<const IPv6>(address);
 }

@@ -41,16 +41,16 @@ IPv4::IPv4(std::string_view address) : address_(address) {
         text.truncate(match->start);
     }
     addressMinusSufix_ = text::toUtf8(text);
-    parsedAddress_ = parse(*addressMinusSufix_);
+    parsedAddress_ = parse(text);
 }
 
-std::vector<std::string> IPv4::parse(const std::string& address) {
-    if (patterns::ipv4Address().find(text::fromUtf8(address))) {
+std::vector<std::string> IPv4::parse(const icu::UnicodeString& address) {
+    if (patterns::ipv4Address().find(address)) {
         valid_ = true;
     } else {
         error_ = "Invalid IPv4 Address";
     }
-    return text::split(address, '.');
+    return text::split(text::toUtf8(address), '.');
 }
 
 IPv4 IPv4::ipv4FromHex(std::string_view hex) {

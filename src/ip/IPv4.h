@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unicode/unistr.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -50,7 +52,7 @@ public:
     std::string v6Group() const;
 
 private:
-    std::vector<std::string> parse(const std::string& address);
+    std::vector<std::string> parse(const icu::UnicodeString& address);
     std::vector<int32_t> groupValues() const;
 
     bool valid_ = false;

@@ -8,6 +8,48 @@
 
 namespace morvane::ip {
 
+namespace patterns {
+
+const Regex& ipv6Malformed() {
+    static const Regex pattern(R"(([0-9a-f]{5,}|:{3,}|[^:]:$|^:[^:]|\/$))",
+                               UREGEX_CASE_INSENSITIVE);
+    return pattern;
+}
+
+bool mayBeMalformed(const icu::UnicodeString& text) {
+    const int32_t length = text.length();
+    if (length == 0) {
+        return false;
+    }
+    int hexRun = 0;
+    int colonRun = 0;
+    for (int32_t i = 0; i < length; ++i) {
+        const char16_t c = text.charAt(i);
+        if (c >= 0x80) {
+            // Case folding may make more of other scripts; leave those to the matcher.
+            return true;
+        }
+        const bool hex =
+            (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F');
+        hexRun = hex ? hexRun + 1 : 0;
+        colonRun = c == u':' ? colonRun + 1 : 0;
+        if (hexRun >= 5 || colonRun >= 3) {
+            return true;
+        }
+    }
+    const char16_t first = text.charAt(0);
+    const char16_t last = text.charAt(length - 1);
+    if (last == u'/' || last == u'\n' || last == u'\r' || last == u'\v' || last == u'\f') {
+        return true;  // line ends are where "$" may also match
+    }
+    if (length >= 2 && last == u':' && text.charAt(length - 2) != u':') {
+        return true;
+    }
+    return length >= 2 && first == u':' && text.charAt(1) != u':';
+}
+
+}  // namespace patterns
+
 namespace {
 
 const Regex& subnetPattern() {
@@ -27,12 +69,6 @@ const Regex& leadingZeroPattern() {
 
 const Regex& badCharacterPattern() {
     static const Regex pattern(R"(([^0-9a-f:\/%]))", UREGEX_CASE_INSENSITIVE);
-    return pattern;
-}
-
-const Regex& malformedPattern() {
-    static const Regex pattern(R"(([0-9a-f]{5,}|:{3,}|[^:]:$|^:[^:]|\/$))",
-                               UREGEX_CASE_INSENSITIVE);
     return pattern;
 }
 
@@ -86,11 +122,13 @@ IPv6::IPv6(std::string_view address, int groups)
 }
 
 icu::UnicodeString IPv6::parsev4inv6(const icu::UnicodeString& address) {
-    std::vector<icu::UnicodeString> pieces = text::split(address, u":");
-    if (!patterns::ipv4Address().find(pieces.back())) {
+    // The last ":"-separated piece, replaced in place when it is a dotted address.
+    const int32_t start = address.lastIndexOf(u':') + 1;
+    const icu::UnicodeString last(address, start);
+    if (!patterns::ipv4Address().find(last)) {
         return address;
     }
-    const IPv4 tail(text::toUtf8(pieces.back()));
+    const IPv4 tail(text::toUtf8(last));
     for (const std::string& group : tail.parsedAddress()) {
         if (leadingZeroPattern().find(text::fromUtf8(group))) {
             error_ = "IPv4 addresses cannot have leading zeroes";
@@ -98,15 +136,8 @@ icu::UnicodeString IPv6::parsev4inv6(const icu::UnicodeString& address) {
         }
     }
     v4_ = true;
-    pieces.back() = text::fromUtf8(tail.v6Group());
-    icu::UnicodeString joined;
-    for (size_t i = 0; i < pieces.size(); ++i) {
-        if (i != 0) {
-            joined.append(u':');
-        }
-        joined.append(pieces[i]);
-    }
-    return joined;
+    icu::UnicodeString replaced(address, 0, start);
+    return replaced.append(text::fromUtf8(tail.v6Group()));
 }
 
 std::optional<std::vector<std::string>> IPv6::parse(const icu::UnicodeString& address) {
@@ -126,7 +157,9 @@ std::optional<std::vector<std::string>> IPv6::parse(const icu::UnicodeString& ad
         return std::nullopt;
     }
 
-    const std::vector<icu::UnicodeString> malformed = malformedPattern().findAll(text);
+    const std::vector<icu::UnicodeString> malformed = patterns::mayBeMalformed(text)
+                                                          ? patterns::ipv6Malformed().findAll(text)
+                                                          : std::vector<icu::UnicodeString>{};
     if (!malformed.empty()) {
         std::vector<std::string> pieces;
         for (const icu::UnicodeString& piece : malformed) {

@@ -19,6 +19,7 @@ void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const 
     }
     const Limb top = dn[nd - 1];
     const Limb next = dn[nd - 2];
+    const Limb inverse = reciprocal(top);
 
     for (int j = na - nd; j >= 0; --j) {
         const Limb uHigh = u[j + nd];
@@ -32,7 +33,7 @@ void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const 
             rhat = uMid + top;
             rhatFits = rhat >= uMid;
         } else {
-            qhat = divideWide(uHigh, uMid, top, &rhat);
+            qhat = divideWithReciprocal(uHigh, uMid, top, inverse, &rhat);
         }
         while (rhatFits &&
                static_cast<Wide>(qhat) * next > ((static_cast<Wide>(rhat) << 64) | u[j + nd - 2])) {

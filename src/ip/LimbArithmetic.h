@@ -9,6 +9,10 @@
 #include <cstdint>
 #include <cstring>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace morvane::ip::limbs {
 
 static_assert(std::endian::native == std::endian::little,
@@ -39,6 +43,29 @@ inline int compare(const AliasedLimb* a, const AliasedLimb* b, int n) {
 
 /// r = a + b over `n` limbs; returns the carry out of the top.
 inline Limb addN(AliasedLimb* r, const AliasedLimb* a, const AliasedLimb* b, int n) {
+#if defined(__x86_64__)
+    // Four limbs a round, so that the adds chain through the carry flag instead of saving
+    // it after each limb.
+    unsigned char carry = 0;
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        unsigned long long s0, s1, s2, s3;
+        carry = _addcarry_u64(carry, a[i], b[i], &s0);
+        carry = _addcarry_u64(carry, a[i + 1], b[i + 1], &s1);
+        carry = _addcarry_u64(carry, a[i + 2], b[i + 2], &s2);
+        carry = _addcarry_u64(carry, a[i + 3], b[i + 3], &s3);
+        r[i] = s0;
+        r[i + 1] = s1;
+        r[i + 2] = s2;
+        r[i + 3] = s3;
+    }
+    for (; i < n; ++i) {
+        unsigned long long sum;
+        carry = _addcarry_u64(carry, a[i], b[i], &sum);
+        r[i] = sum;
+    }
+    return carry;
+#else
     Limb carry = 0;
     for (int i = 0; i < n; ++i) {
         Limb x = a[i];
@@ -49,10 +76,32 @@ inline Limb addN(AliasedLimb* r, const AliasedLimb* a, const AliasedLimb* b, int
         r[i] = t;
     }
     return carry;
+#endif
 }
 
 /// r = a - b over `n` limbs; returns the borrow out of the top.
 inline Limb subN(AliasedLimb* r, const AliasedLimb* a, const AliasedLimb* b, int n) {
+#if defined(__x86_64__)
+    unsigned char borrow = 0;
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        unsigned long long d0, d1, d2, d3;
+        borrow = _subborrow_u64(borrow, a[i], b[i], &d0);
+        borrow = _subborrow_u64(borrow, a[i + 1], b[i + 1], &d1);
+        borrow = _subborrow_u64(borrow, a[i + 2], b[i + 2], &d2);
+        borrow = _subborrow_u64(borrow, a[i + 3], b[i + 3], &d3);
+        r[i] = d0;
+        r[i + 1] = d1;
+        r[i + 2] = d2;
+        r[i + 3] = d3;
+    }
+    for (; i < n; ++i) {
+        unsigned long long difference;
+        borrow = _subborrow_u64(borrow, a[i], b[i], &difference);
+        r[i] = difference;
+    }
+    return borrow;
+#else
     Limb borrow = 0;
     for (int i = 0; i < n; ++i) {
         Limb x = a[i];
@@ -64,6 +113,7 @@ inline Limb subN(AliasedLimb* r, const AliasedLimb* a, const AliasedLimb* b, int
         r[i] = t;
     }
     return borrow;
+#endif
 }
 
 /// r += a * m over `n` limbs; returns the limb carried out.
@@ -156,6 +206,33 @@ inline Limb divideWide(Limb hi, Limb lo, Limb d, Limb* rem) {
     *rem = static_cast<Limb>(n % d);
     return static_cast<Limb>(n / d);
 #endif
+}
+
+/// The reciprocal of a normalised divisor d (top bit set): (B^2 - 1) / d - B, for B = 2^64.
+inline Limb reciprocal(Limb d) {
+    Limb unused;
+    return divideWide(~d, ~Limb{0}, d, &unused);
+}
+
+/// (hi:lo) / d with hi < d and d normalised, by two multiplications with the reciprocal v
+/// instead of a hardware division (Moller and Granlund, "Improved division by invariant
+/// integers", 2011).
+inline Limb divideWithReciprocal(Limb hi, Limb lo, Limb d, Limb v, Limb* rem) {
+    Wide q = static_cast<Wide>(v) * hi;
+    q += (static_cast<Wide>(hi) << 64) | lo;
+    Limb q1 = static_cast<Limb>(q >> 64) + 1;
+    const Limb q0 = static_cast<Limb>(q);
+    Limb r = lo - q1 * d;
+    if (r > q0) {
+        --q1;
+        r += d;
+    }
+    if (r >= d) {
+        ++q1;
+        r -= d;
+    }
+    *rem = r;
+    return q1;
 }
 
 /// q = a / d over `n` limbs (q may be a); returns the remainder. d != 0.

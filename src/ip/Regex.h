@@ -30,7 +30,7 @@ public:
     std::optional<Match> find(const icu::UnicodeString& text) const;
     /// The matched texts of every match, left to right.
     std::vector<icu::UnicodeString> findAll(const icu::UnicodeString& text) const;
-    /// Every match replaced; `replacement` uses ICU's "$1" syntax.
+    /// Every match replaced by `replacement`, taken literally.
     icu::UnicodeString replaceAll(const icu::UnicodeString& text,
                                   const icu::UnicodeString& replacement) const;
 

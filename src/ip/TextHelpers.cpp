@@ -39,6 +39,12 @@ std::string toUtf8(const icu::UnicodeString& text) {
 std::vector<icu::UnicodeString> split(const icu::UnicodeString& text,
                                       const icu::UnicodeString& separator) {
     std::vector<icu::UnicodeString> pieces;
+    size_t count = 1;
+    for (int32_t at = text.indexOf(separator); at >= 0;
+         at = text.indexOf(separator, at + separator.length())) {
+        ++count;
+    }
+    pieces.reserve(count);
     int32_t start = 0;
     for (;;) {
         const int32_t at = text.indexOf(separator, start);

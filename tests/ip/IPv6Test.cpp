@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "ip/AddressPatterns.h"
 #include "ip/IPv6.h"
 
 namespace morvane::ip {
@@ -49,6 +50,33 @@ TEST(IPv6Test, EachMalformationHasItsError) {
         EXPECT_FALSE(address.correctForm()) << text;
         EXPECT_EQ(address.bigInteger(), BigInt()) << text;
     }
+}
+
+TEST(IPv6Test, MalformedShapesAreNeverSkipped) {
+    // The matcher is only run when the quick test allows a match: every text of up to six
+    // characters from the classes that matter must agree with ICU.
+    const std::u16string alphabet = u"0aF:/%g\n";
+    std::vector<std::u16string> texts = {u""};
+    int missed = 0;
+    int checked = 0;
+    for (int length = 1; length <= 6; ++length) {
+        std::vector<std::u16string> longer;
+        for (const std::u16string& text : texts) {
+            for (char16_t c : alphabet) {
+                longer.push_back(text + c);
+            }
+        }
+        texts = std::move(longer);
+        for (const std::u16string& text : texts) {
+            const icu::UnicodeString u(text.data(), static_cast<int32_t>(text.size()));
+            if (!patterns::mayBeMalformed(u) && !patterns::ipv6Malformed().findAll(u).empty()) {
+                ++missed;
+            }
+            ++checked;
+        }
+    }
+    EXPECT_EQ(missed, 0);
+    EXPECT_GT(checked, 290000);
 }
 
 TEST(IPv6Test, ZoneAndSubnetAreCutOff) {
