@@ -10,6 +10,7 @@
 #include <gmp.h>
 
 #include <cstdio>
+#include <deque>
 #include <map>
 #include <random>
 #include <string>
@@ -39,93 +40,69 @@ std::string randomHex(int bits) {
     return digits;
 }
 
-struct Pair {
-    BigInt a, b;
-    mpz_t x, y;
-    Pair(const std::string& first, const std::string& second)
-        : a(BigInt::createWithString(first, 16)), b(BigInt::createWithString(second, 16)) {
-        mpz_init_set_str(x, first.c_str(), 16);
-        mpz_init_set_str(y, second.c_str(), 16);
-    }
-    ~Pair() {
-        mpz_clear(x);
-        mpz_clear(y);
+// The same numbers for both sides, alive for the whole run.
+struct Operands {
+    std::vector<BigInt> ours;
+    std::vector<__mpz_struct> peer;  // mpz_t is an array of one of these
+
+    explicit Operands(const std::vector<std::string>& hex) : peer(hex.size()) {
+        for (size_t i = 0; i < hex.size(); ++i) {
+            ours.push_back(BigInt::createWithString(hex[i], 16));
+            mpz_init_set_str(&peer[i], hex[i].c_str(), 16);
+        }
     }
 };
+
+std::deque<Operands> operands;
+
+template <typename Ours, typename Peer>
+void registerPair(const std::string& task, const Operands& values, Ours ours, Peer peer) {
+    benchmark::RegisterBenchmark(("ours:" + task).c_str(),
+                                 [&values, ours](benchmark::State& state) {
+                                     for (auto _ : state) {
+                                         benchmark::DoNotOptimize(ours(values.ours));
+                                     }
+                                 });
+    benchmark::RegisterBenchmark(("peer:" + task).c_str(),
+                                 [&values, peer](benchmark::State& state) {
+                                     mpz_t result;
+                                     mpz_init2(result, 4600);
+                                     for (auto _ : state) {
+                                         peer(result, values.peer);
+                                         benchmark::DoNotOptimize(result);
+                                     }
+                                     mpz_clear(result);
+                                 });
+}
 
 void registerArithmetic(int bits) {
     const std::string size = "/" + std::to_string(bits);
     const int top = std::min(bits, 2238);
+    using Numbers = std::vector<BigInt>;
+    using Peers = std::vector<__mpz_struct>;
 
-    auto* add = new Pair(randomHex(top), randomHex(top));
-    benchmark::RegisterBenchmark(("ours:add" + size).c_str(), [add](benchmark::State& state) {
-        for (auto _ : state) {
-            benchmark::DoNotOptimize(add->a.add(add->b));
-        }
-    });
-    benchmark::RegisterBenchmark(("peer:add" + size).c_str(), [add](benchmark::State& state) {
-        mpz_t r;
-        mpz_init2(r, 2300);
-        for (auto _ : state) {
-            mpz_add(r, add->x, add->y);
-            benchmark::DoNotOptimize(r);
-        }
-        mpz_clear(r);
-    });
+    registerPair(
+        "add" + size, operands.emplace_back(std::vector{randomHex(top), randomHex(top)}),
+        [](const Numbers& v) { return v[0].add(v[1]); },
+        [](mpz_t r, const Peers& v) { mpz_add(r, &v[0], &v[1]); });
+    registerPair(
+        "multiply" + size,
+        operands.emplace_back(std::vector{randomHex(top / 2), randomHex(top / 2)}),
+        [](const Numbers& v) { return v[0].multiply(v[1]); },
+        [](mpz_t r, const Peers& v) { mpz_mul(r, &v[0], &v[1]); });
+    registerPair(
+        "divide" + size, operands.emplace_back(std::vector{randomHex(top), randomHex(bits / 2)}),
+        [](const Numbers& v) { return v[0].divide(v[1]); },
+        [](mpz_t r, const Peers& v) { mpz_tdiv_q(r, &v[0], &v[1]); });
 
-    auto* mul = new Pair(randomHex(top / 2), randomHex(top / 2));
-    benchmark::RegisterBenchmark(("ours:multiply" + size).c_str(), [mul](benchmark::State& state) {
-        for (auto _ : state) {
-            benchmark::DoNotOptimize(mul->a.multiply(mul->b));
-        }
-    });
-    benchmark::RegisterBenchmark(("peer:multiply" + size).c_str(), [mul](benchmark::State& state) {
-        mpz_t r;
-        mpz_init2(r, 4600);
-        for (auto _ : state) {
-            mpz_mul(r, mul->x, mul->y);
-            benchmark::DoNotOptimize(r);
-        }
-        mpz_clear(r);
-    });
-
-    auto* div = new Pair(randomHex(top), randomHex(bits / 2));
-    benchmark::RegisterBenchmark(("ours:divide" + size).c_str(), [div](benchmark::State& state) {
-        for (auto _ : state) {
-            benchmark::DoNotOptimize(div->a.divide(div->b));
-        }
-    });
-    benchmark::RegisterBenchmark(("peer:divide" + size).c_str(), [div](benchmark::State& state) {
-        mpz_t r;
-        mpz_init2(r, 2300);
-        for (auto _ : state) {
-            mpz_tdiv_q(r, div->x, div->y);
-            benchmark::DoNotOptimize(r);
-        }
-        mpz_clear(r);
-    });
-
-    // base^exponent mod modulus with an odd modulus, as in a primality test.
+    // An odd modulus, as in a primality test, with base and exponent of its size.
     std::string modulus = randomHex(top);
     modulus.back() = '1';
-    auto* pow = new Pair(randomHex(top - 1), randomHex(top));
-    auto* mod = new Pair(modulus, modulus);
-    benchmark::RegisterBenchmark(("ours:modPow" + size).c_str(),
-                                 [pow, mod](benchmark::State& state) {
-                                     for (auto _ : state) {
-                                         benchmark::DoNotOptimize(pow->a.modPow(pow->b, mod->a));
-                                     }
-                                 });
-    benchmark::RegisterBenchmark(("peer:modPow" + size).c_str(),
-                                 [pow, mod](benchmark::State& state) {
-                                     mpz_t r;
-                                     mpz_init2(r, 2300);
-                                     for (auto _ : state) {
-                                         mpz_powm(r, pow->x, pow->y, mod->x);
-                                         benchmark::DoNotOptimize(r);
-                                     }
-                                     mpz_clear(r);
-                                 });
+    registerPair(
+        "modPow" + size,
+        operands.emplace_back(std::vector{randomHex(top - 1), randomHex(top), modulus}),
+        [](const Numbers& v) { return v[0].modPow(v[1], v[2]); },
+        [](mpz_t r, const Peers& v) { mpz_powm(r, &v[0], &v[1], &v[2]); });
 }
 
 const std::vector<std::string> kAddresses = {
@@ -181,6 +158,9 @@ public:
                 continue;
             }
             const std::string task = name.substr(5);
+            if (task.ends_with("_stddev") || task.ends_with("_cv")) {
+                continue;
+            }
             const auto peer = times_.find("peer:" + task);
             if (peer == times_.end()) {
                 continue;
