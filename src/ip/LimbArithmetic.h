@@ -119,6 +119,7 @@ inline Limb subN(AliasedLimb* r, const AliasedLimb* a, const AliasedLimb* b, int
 /// r += a * m over `n` limbs; returns the limb carried out.
 inline Limb addMul1(AliasedLimb* r, const AliasedLimb* a, int n, Limb m) {
     Limb carry = 0;
+#pragma GCC unroll 4
     for (int i = 0; i < n; ++i) {
         Wide t = static_cast<Wide>(a[i]) * m + r[i] + carry;
         r[i] = static_cast<Limb>(t);
@@ -141,6 +142,7 @@ inline Limb mul1(AliasedLimb* r, const AliasedLimb* a, int n, Limb m) {
 /// r -= a * m over `n` limbs; returns the limb borrowed from above.
 inline Limb subMul1(AliasedLimb* r, const AliasedLimb* a, int n, Limb m) {
     Limb borrow = 0;
+#pragma GCC unroll 4
     for (int i = 0; i < n; ++i) {
         Wide p = static_cast<Wide>(a[i]) * m + borrow;
         Limb lo = static_cast<Limb>(p);
