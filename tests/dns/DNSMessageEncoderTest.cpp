@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "dns/DNSAResourceRecord.h"
 #include "dns/DNSCNAMEResourceRecord.h"
 #include "dns/DNSHeaderDecoder.h"
 #include "dns/DNSHeaderEncoder.h"
@@ -7,6 +8,7 @@
 #include "dns/DNSOPTResourceRecord.h"
 #include "dns/DNSWireWriter.h"
 #include "dns/WireBytes.h"
+#include "ip/NamedException.h"
 
 namespace morvane::dns {
 namespace {
@@ -113,6 +115,34 @@ TEST(DNSMessageEncoderTest, TypedRecordsWriteTheirOwnData) {
     cname.canonicalName.reset();
     EXPECT_EQ(cname.encode(), wireBytes("03 777777 07 6578616d706c65 03 636f6d 00"
                                         "0005 0001 0000003c 0000"));
+}
+
+TEST(DNSMessageEncoderTest, AddressRecordsReadTheirDataAsAnAddress) {
+    const DNSResourceRecord v4(1, 1, 3600, "example.com", wireBytes("5db8d822"));
+    const auto a = DNSAResourceRecord::fromResource(v4);
+    ASSERT_TRUE(a.ip);
+    EXPECT_TRUE(a.ip->v4());
+    EXPECT_EQ(a.ip->address(), "93.184.216.34");
+    EXPECT_TRUE(a.data.empty());
+    EXPECT_EQ(a.encode(), v4.encode());
+
+    const DNSResourceRecord v6(28, 1, 60, "example.com",
+                               wireBytes("20010db8000000000000000000000053"));
+    const auto aaaa = DNSAResourceRecord::fromResource(v6);
+    EXPECT_FALSE(aaaa.ip->v4());
+    EXPECT_EQ(aaaa.encode(), v6.encode());
+
+    const auto copy = a.clone();
+    EXPECT_EQ(dynamic_cast<DNSAResourceRecord&>(*copy).ip->address(), "93.184.216.34");
+
+    // Data of another length has no address: the caller checks first or catches.
+    try {
+        DNSAResourceRecord::fromResource(DNSResourceRecord(1, 1, 0, "x", wireBytes("0a0000")));
+        ADD_FAILURE() << "three bytes made an address";
+    } catch (const ip::NamedException& error) {
+        EXPECT_EQ(error.name(), "ipInvalidLength");
+    }
+    EXPECT_EQ(DNSAResourceRecord().encode(), wireBytes("00 0001 0000 00000000 0000"));
 }
 
 TEST(DNSMessageEncoderTest, DecodedMessagesEncodeToTheSameMessage) {
