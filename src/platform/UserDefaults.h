@@ -32,19 +32,20 @@ public:
     static std::filesystem::path standardPath();
     const std::filesystem::path& path() const { return path_; }
 
-    /// The text of a key; a stored boolean reads as "1" or "0".
+    /// The text of a key, stored or registered. Booleans are kept as "true" and "false", so
+    /// that they read the same before and after a restart.
     std::optional<std::string> stringForKey(const std::string& key) const;
-    /// True for a stored true, or a text starting with "Y", "y", "T", "t" or a digit 1-9.
+    /// True when the text, after blanks, a sign and leading zeros, starts with "Y", "y", "T",
+    /// "t" or a digit from 1 to 9.
     bool boolForKey(const std::string& key) const;
-    std::optional<Value> objectForKey(const std::string& key) const;
 
     void setValue(const std::string& value, const std::string& key);
     void setBool(bool value, const std::string& key);
     void removeObjectForKey(const std::string& key);
-    /// Replaces the registered defaults (kept in memory only).
+    /// Adds to the registered defaults (kept in memory only, never written).
     void registerDefaults(const std::map<std::string, Value>& defaults);
     /// Every stored key with its value (registered defaults not included).
-    std::map<std::string, Value> dictionaryRepresentation() const;
+    std::map<std::string, std::string> dictionaryRepresentation() const;
     /// Writes pending changes and reads changes of other processes; false on a write error.
     bool synchronize();
 

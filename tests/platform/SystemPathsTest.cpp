@@ -1,7 +1,6 @@
-#include "platform/SystemPaths.h"
-
 #include <gtest/gtest.h>
 
+#include "platform/SystemPaths.h"
 #include "support/TestEnvironment.h"
 
 namespace morvane::platform {

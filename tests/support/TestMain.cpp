@@ -6,7 +6,12 @@
 
 #include <QCoreApplication>
 
+#include "support/ChildProcess.h"
+
 int main(int argc, char** argv) {
+    if (const auto status = morvane::test::runChildRoleIfAsked()) {
+        return *status;
+    }
     ::testing::InitGoogleMock(&argc, argv);
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     QCoreApplication app(argc, argv);

@@ -1,0 +1,26 @@
+#include "core/DepenencyInjection.h"
+
+#include "core/ChangeObserver.h"
+#include "core/NotificationPublisher.h"
+#include "core/TarnLogger.h"
+#include "platform/NotificationCenter.h"
+
+namespace morvane {
+
+std::vector<Service> DepenencyInjection::serviceTable() {
+    using LifeCycle = Service::LifeCycle;
+    std::vector<Service> rows;
+    rows.push_back(Service::make<NotificationPublisher>(LifeCycle::global, [](Dependencies&) {
+        return std::make_shared<NotificationPublisher>(
+            NotificationPublisher{platform::NotificationCenter::defaultCenter()});
+    }));
+    rows.push_back(Service::global<ChangeObserver>());
+    rows.push_back(Service::global<TarnLogger>());
+    return rows;
+}
+
+DepenencyInjection::DepenencyInjection() {
+    Dependencies::build(serviceTable());
+}
+
+}  // namespace morvane

@@ -1,0 +1,106 @@
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/ChangeType.h"
+#include "core/NotificationPublisher.h"
+#include "platform/MainQueue.h"
+#include "support/MainLoop.h"
+
+namespace morvane {
+namespace {
+
+TEST(ChangeTypeTest, SeventeenCasesWithTheirRawTextsInOrder) {
+    const std::vector<std::string> expected = {"connected",
+                                               "disconnected",
+                                               "ipAddressChanged",
+                                               "onStartup",
+                                               "onShutdown",
+                                               "pollingInterval",
+                                               "intranet",
+                                               "didAwake",
+                                               "willSleep",
+                                               "VPNDidStart",
+                                               "VPNDidStop",
+                                               "missingDeviceKey",
+                                               "deviceConfigRefreshed",
+                                               "deviceConfigEditedLocally",
+                                               "waitingOnUserSecurity",
+                                               "installCompleted",
+                                               "dnsProxyFailed"};
+    ASSERT_EQ(change_type::allCases.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const ChangeType type = change_type::allCases[i];
+        EXPECT_EQ(static_cast<std::size_t>(type), i);
+        EXPECT_EQ(rawValue(type), expected[i]);
+        EXPECT_EQ(changeTypeFromRawValue(expected[i]), type);
+    }
+}
+
+TEST(ChangeTypeTest, UnknownTextGivesNoCase) {
+    EXPECT_FALSE(changeTypeFromRawValue("Connected").has_value());
+    EXPECT_FALSE(changeTypeFromRawValue("").has_value());
+    EXPECT_FALSE(changeTypeFromRawValue("connected ").has_value());
+}
+
+TEST(NotificationPublisherTest, EventsFromManyThreadsArriveOnTheMainThreadInPerProducerOrder) {
+    auto center = platform::NotificationCenter::create();
+    const NotificationPublisher publisher{center};
+    constexpr int kProducers = 4;
+    constexpr int kEach = 200;
+    std::map<int, std::vector<int>> arrived;
+    int total = 0;
+    bool allOnMain = true;
+    std::vector<std::shared_ptr<platform::NotificationCenter::Subscription>> subscriptions;
+    for (const ChangeType type : {ChangeType::connected, ChangeType::VPNDidStart}) {
+        subscriptions.push_back(
+            center->subscribe(std::string(rawValue(type)), [&](const platform::Notification& n) {
+                allOnMain = allOnMain && platform::MainQueue::isCurrent();
+                const auto [producer, sequence] = std::any_cast<std::pair<int, int>>(n.object);
+                arrived[producer].push_back(sequence);
+                ++total;
+            }));
+    }
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&, p] {
+            for (int i = 0; i < kEach; ++i) {
+                // Alternate names: the order holds across names, not only within one.
+                publisher.post(i % 2 ? ChangeType::connected : ChangeType::VPNDidStart,
+                               std::make_pair(p, i));
+            }
+        });
+    }
+    for (auto& producer : producers) {
+        producer.join();
+    }
+    ASSERT_TRUE(test::runMainLoopUntil([&] { return total == kProducers * kEach; }));
+    EXPECT_TRUE(allOnMain);
+    for (int p = 0; p < kProducers; ++p) {
+        std::vector<int> expected(kEach);
+        for (int i = 0; i < kEach; ++i) {
+            expected[i] = i;
+        }
+        EXPECT_EQ(arrived[p], expected) << "producer " << p;
+    }
+}
+
+TEST(NotificationPublisherTest, ThePosterHasGoneOnBeforeTheSubscriberRuns) {
+    auto center = platform::NotificationCenter::create();
+    const NotificationPublisher publisher{center};
+    std::vector<std::string> order;
+    auto subscription =
+        center->subscribe("deviceConfigEditedLocally", [&](const platform::Notification& n) {
+            order.push_back(n.object.has_value() ? "payload" : "no payload");
+        });
+    publisher.post(ChangeType::deviceConfigEditedLocally);
+    order.push_back("poster returned");
+    ASSERT_TRUE(test::runMainLoopUntil([&] { return order.size() == 2; }));
+    EXPECT_EQ(order, (std::vector<std::string>{"poster returned", "no payload"}));
+}
+
+}  // namespace
+}  // namespace morvane
