@@ -111,6 +111,43 @@ void BaseDestination::executeSynchronously(std::function<void()> block) {
     execute(true, std::move(block));
 }
 
+void BaseDestination::enqueue(QueuedLine line, bool synchronously) {
+    if (!queue_) {
+        return;
+    }
+    // A block that outlives the call must keep the destination alive; one that is not owned
+    // by a shared_ptr can only be sent while the caller waits.
+    auto self = weak_from_this().lock();
+    synchronously = synchronously || !self;
+    bool schedule = false;
+    {
+        std::lock_guard lock(queuedMutex_);
+        queued_.push_back(std::move(line));
+        schedule = !sendScheduled_ && !synchronously;
+        sendScheduled_ = sendScheduled_ || schedule;
+    }
+    if (synchronously) {
+        // Sends the lines queued before this one too, so the order of calls holds.
+        queue_->sync([this] { sendQueuedLines(); });
+    } else if (schedule) {
+        queue_->async([self = std::move(self)] { self->sendQueuedLines(); });
+    }
+}
+
+void BaseDestination::sendQueuedLines() {
+    std::vector<QueuedLine> lines;
+    {
+        std::lock_guard lock(queuedMutex_);
+        lines.swap(queued_);
+        // A line queued from now on needs a block of its own, behind this one.
+        sendScheduled_ = false;
+    }
+    for (const auto& line : lines) {
+        send(line.level, line.message, line.thread, line.file, line.function, line.line,
+             line.context);
+    }
+}
+
 std::string BaseDestination::renderLine(Level level, const std::string& message,
                                         const std::string& thread, const std::string& file,
                                         const std::string& function, int line,

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,7 +27,7 @@ namespace morvane::logging {
 ///
 /// Configure a destination before it is added to LogCenter and leave it alone afterwards:
 /// its settings are read from the logging threads without a lock.
-class BaseDestination {
+class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
 public:
     /// The words of $L, one per level.
     struct LevelString {
@@ -49,6 +50,17 @@ public:
         const std::string& operator[](Level level) const;
     };
     using Context = std::optional<std::string>;
+
+    /// One log call as it waits for the destination's queue.
+    struct QueuedLine {
+        Level level;
+        std::string message;
+        std::string thread;
+        std::string file;
+        std::string function;
+        int line;
+        Context context;
+    };
 
     static constexpr std::string_view kDefaultFormat = "$DHH:mm:ss.SSS$d $C$L$c $N.$F:$l - $M";
 
@@ -92,6 +104,10 @@ public:
     /// wait from a block of the same queue.
     void execute(bool synchronously, std::function<void()> block);
     void executeSynchronously(std::function<void()> block);
+    /// Hands one call over to the queue, which sends it after every call handed over before.
+    /// Synchronously (always, for a destination not owned by a shared_ptr), returns once the
+    /// line is sent.
+    void enqueue(QueuedLine line, bool synchronously);
 
     std::string renderLine(Level level, const std::string& message, const std::string& thread,
                            const std::string& file, const std::string& function, int line,
@@ -123,6 +139,7 @@ protected:
     static constexpr std::string_view kTerminalEscape = "\x1b[38;5;";
 
 private:
+    void sendQueuedLines();
     std::optional<std::string> jsonLine(Level level, const std::string& message,
                                         const std::string& thread, const std::string& file,
                                         const std::string& function, int line,
@@ -141,6 +158,13 @@ private:
     std::chrono::system_clock::time_point startDate_ = std::chrono::system_clock::now();
     std::shared_ptr<platform::DispatchQueue> queue_;
     bool debugPrint_ = false;
+
+    // Lines wait here rather than as one queue block each: handing a block to the queue's
+    // threads costs more than writing the line, so one block sends every line waiting when
+    // it runs, in order, each still with its own append.
+    std::mutex queuedMutex_;
+    std::vector<QueuedLine> queued_;
+    bool sendScheduled_ = false;
 };
 
 }  // namespace morvane::logging

@@ -28,6 +28,7 @@ void DateFormatter::setTimeZone(std::string_view abbreviation) {
         zone = icu::TimeZone::createDefault();
     }
     formatter_->adoptTimeZone(zone);
+    cached_ = false;
 }
 
 std::string DateFormatter::format(std::string_view pattern,
@@ -35,17 +36,23 @@ std::string DateFormatter::format(std::string_view pattern,
     if (!formatter_) {
         return {};
     }
+    const long long millisecond =
+        std::chrono::floor<std::chrono::milliseconds>(when.time_since_epoch()).count();
     if (pattern != appliedPattern_) {
         formatter_->applyPattern(icu::UnicodeString::fromUTF8(
             icu::StringPiece(pattern.data(), static_cast<int32_t>(pattern.size()))));
         appliedPattern_ = std::string(pattern);
+        cached_ = false;
+    } else if (cached_ && millisecond == cachedMillisecond_) {
+        return cachedText_;
     }
-    const auto millis = std::chrono::duration<double, std::milli>(when.time_since_epoch()).count();
     icu::UnicodeString text;
-    formatter_->format(static_cast<UDate>(millis), text);
-    std::string out;
-    text.toUTF8String(out);
-    return out;
+    formatter_->format(static_cast<UDate>(millisecond), text);
+    cachedText_.clear();
+    text.toUTF8String(cachedText_);
+    cachedMillisecond_ = millisecond;
+    cached_ = true;
+    return cachedText_;
 }
 
 }  // namespace morvane::logging

@@ -35,6 +35,11 @@ private:
     // Applying a pattern parses it; a template keeps using the same few, so only a change
     // of pattern is applied.
     std::string appliedPattern_;
+    // Lines come much faster than once a millisecond, and the text depends on nothing
+    // finer: the last one is reused until the millisecond, pattern or zone changes.
+    bool cached_ = false;
+    long long cachedMillisecond_ = 0;
+    std::string cachedText_;
 };
 
 }  // namespace morvane::logging

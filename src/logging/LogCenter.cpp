@@ -94,11 +94,8 @@ void LogCenter::dispatch(Level level, const std::function<std::string()>& messag
         if (!stripped) {
             stripped = strippedFunctionName(function);
         }
-        destination->execute(
-            !destination->asynchronously(), [destination, level, message = *text, thread,
-                                             file = fileText, function = *stripped, line, context] {
-                destination->send(level, message, thread, file, function, line, context);
-            });
+        destination->enqueue({level, *text, thread, fileText, *stripped, line, context},
+                             !destination->asynchronously());
     }
 }
 

@@ -20,7 +20,9 @@ std::string executableName() {
 }
 
 bool isMainThread() {
-    return ::syscall(SYS_gettid) == ::getpid();
+    // Asked on every log call: two system calls once per thread, not per call.
+    thread_local const bool isMain = ::syscall(SYS_gettid) == ::getpid();
+    return isMain;
 }
 
 }  // namespace morvane::platform

@@ -146,6 +146,14 @@ TEST_F(LogCenterTest, SynchronousDestinationHasWrittenWhenTheCallReturns) {
     EXPECT_EQ(morvane::test::readFile(home.root() / "sync.log"), "DEBUG now\n");
 }
 
+TEST(Enqueue, DestinationNotSharedIsSentWhileTheCallerWaits) {
+    RecordingDestination destination;
+    destination.enqueue({Level::error, "m", "", "f", "g()", 1, std::nullopt}, false);
+    const auto calls = destination.calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].message, "m");
+}
+
 TEST(Describe, MessageValuesAsText) {
     EXPECT_EQ(LogCenter::describe(0.1), "0.1");
     EXPECT_EQ(LogCenter::describe(-3), "-3");
