@@ -234,7 +234,9 @@ std::string BaseDestination::formatUptime(double seconds) {
 }
 
 void BaseDestination::addFilter(std::shared_ptr<FilterType> filter) {
-    filters_.push_back(std::move(filter));
+    if (filter) {
+        filters_.push_back(std::move(filter));
+    }
 }
 
 void BaseDestination::removeFilter(const std::shared_ptr<FilterType>& filter) {

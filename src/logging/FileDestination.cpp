@@ -10,9 +10,8 @@ namespace morvane::logging {
 
 namespace fs = std::filesystem;
 
-FileDestination::FileDestination(std::optional<fs::path> logFileURL) {
-    logFileURL_ = logFileURL ? std::move(logFileURL) : defaultLogFileURL();
-}
+FileDestination::FileDestination(std::optional<fs::path> logFileURL)
+    : logFileURL_(logFileURL ? std::move(logFileURL) : defaultLogFileURL()) {}
 
 std::optional<fs::path> FileDestination::cachesDirectory() {
     // A relative XDG path is to be ignored, as if unset.

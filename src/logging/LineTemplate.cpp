@@ -4,7 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <limits>
+#include <optional>
 
 #include "logging/Utf8.h"
 
@@ -12,9 +12,13 @@ namespace morvane::logging {
 
 namespace {
 
-LineTemplate::Code codeFor(char character, bool& known) {
+// A wider column is taken for a typing error rather than a layout: it would cost a line of
+// many megabytes.
+constexpr long long kMaxPadding = 10000;
+
+// The piece kind of a format character; none for a character that is no code.
+std::optional<LineTemplate::Code> codeFor(char character) {
     using Code = LineTemplate::Code;
-    known = true;
     switch (character) {
         case 'I':
             return Code::literal;
@@ -49,8 +53,7 @@ LineTemplate::Code codeFor(char character, bool& known) {
         case 'X':
             return Code::context;
         default:
-            known = false;
-            return Code::literal;
+            return std::nullopt;
     }
 }
 
@@ -98,7 +101,7 @@ void LineTemplate::addPiece(std::string_view piece) {
         bool fits = true;
         for (std::size_t i = digitsStart; i < digitsEnd && fits; ++i) {
             value = value * 10 + (piece[i] - '0');
-            fits = value <= std::numeric_limits<int>::max();
+            fits = value <= kMaxPadding;
         }
         if (fits) {
             padding = static_cast<int>(negative ? -value : value);
@@ -106,12 +109,11 @@ void LineTemplate::addPiece(std::string_view piece) {
         }
     }
 
-    bool known = false;
-    const Code code = offset < piece.size() ? codeFor(piece[offset], known) : Code::literal;
+    const auto code = offset < piece.size() ? codeFor(piece[offset]) : std::nullopt;
     Piece result;
-    if (known) {
-        result.code = code;
-        result.padding = code == Code::literal ? 0 : padding;
+    if (code) {
+        result.code = *code;
+        result.padding = *code == Code::literal ? 0 : padding;
         result.text = std::string(piece.substr(offset + 1));
     } else {
         // An unknown character, or a width with no character after it, comes out whole:

@@ -10,7 +10,8 @@ namespace morvane::logging {
 /// over a short list instead of a parse of the template.
 ///
 /// "$" starts a piece; an optional signed width follows, then one format character, then
-/// literal text up to the next "$". Text ahead of the first "$" is literal.
+/// literal text up to the next "$". Text ahead of the first "$" is literal. A width above
+/// 10000 is not read as one: the piece then starts with its digits.
 class LineTemplate {
 public:
     enum class Code {

@@ -156,6 +156,7 @@ TEST_F(PassesFilters, RemoveFilterTakesOnlyThatObject) {
     EXPECT_EQ(destination.filters()[0], twin);
     EXPECT_EQ(destination.filters()[1], first);
     destination.removeFilter(Filters::Message::contains({"a"}));
+    destination.addFilter(nullptr);
     EXPECT_EQ(destination.filters().size(), 2u);
     EXPECT_TRUE(destination.hasMessageFilters());
 

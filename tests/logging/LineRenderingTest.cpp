@@ -30,6 +30,8 @@ TEST(LineRendering, LiteralTextAndUnknownCodes) {
     // A width with nothing after it, or one too large to read, loses only its "$".
     EXPECT_EQ(render(destination, "x$12"), "x12");
     EXPECT_EQ(render(destination, "$99999999999M"), "99999999999M");
+    EXPECT_EQ(render(destination, "$-10001M"), "-10001M");
+    EXPECT_EQ(render(destination, "$10000M").size(), 10000u);
 }
 
 TEST(LineRendering, PaddingBothWaysCountsCharacters) {
