@@ -133,6 +133,18 @@ void SpdlogFlushEachLine(benchmark::State& state) {
     spdlog::drop("flush-each-line");
 }
 
+// The destination's own work per line without the queue: render, lock, append, close.
+void FileDestinationSendOnly(benchmark::State& state) {
+    FileDestination destination(freshFile("send-only.log"));
+    destination.setFormat(kFormat);
+    for (auto _ : state) {
+        for (int i = 0; i < kBatch; ++i) {
+            destination.send(Level::verbose, kMessage, "", __FILE__, "log()", 1, std::nullopt);
+        }
+    }
+    setLinesPerSecond(state);
+}
+
 // What rendering alone costs the destination's queue, for reading the figures above.
 void RenderLine(benchmark::State& state) {
     FileDestination renderer(std::optional<fs::path>(benchDir() / "unused"));
@@ -198,6 +210,7 @@ BENCHMARK(FileDestinationLines)->UseRealTime()->MinTime(1.5)->Repetitions(3);
 BENCHMARK(PlainOpenAppendClose)->UseRealTime()->MinTime(1.5)->Repetitions(3);
 BENCHMARK(PlainOpenLockAppendClose)->UseRealTime()->MinTime(1.5)->Repetitions(3);
 BENCHMARK(SpdlogFlushEachLine)->UseRealTime()->MinTime(1.5)->Repetitions(3);
+BENCHMARK(FileDestinationSendOnly)->UseRealTime()->MinTime(1.5)->Repetitions(3);
 BENCHMARK(RenderLine);
 BENCHMARK(FileDestinationCallerCost)->UseManualTime()->MinTime(1.0)->Repetitions(3);
 BENCHMARK(SpdlogAsyncCallerCost)->UseManualTime()->MinTime(1.0)->Repetitions(3);
