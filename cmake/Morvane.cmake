@@ -24,14 +24,14 @@ function(morvane_add_library name)
     morvane_target_defaults(morvane_${name})
 endfunction()
 
-# morvane_add_test(<name> SOURCES ... [LIBS ...] [LABELS ...] [TSAN] [ENVIRONMENT k=v ...])
+# morvane_add_test(<name> SOURCES ... [LIBS ...] [LABELS ...] [TSAN] [TIMEOUT seconds])
 # A GoogleTest executable whose cases CTest lists one by one. TSAN adds it to the
 # ThreadSanitizer pass that scripts/test runs in a build of its own.
 function(morvane_add_test name)
     if(NOT MORVANE_BUILD_TESTS)
         return()
     endif()
-    cmake_parse_arguments(ARG "TSAN" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
+    cmake_parse_arguments(ARG "TSAN" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE ${ARG_LIBS} morvane_testsupport GTest::gtest GTest::gmock)
     morvane_target_defaults(${name})
@@ -43,10 +43,14 @@ function(morvane_add_test name)
         list(APPEND labels tsan)
         set_property(GLOBAL APPEND PROPERTY MORVANE_TSAN_TESTS ${name})
     endif()
-    gtest_discover_tests(${name}
-        DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${labels}"
-                   ENVIRONMENT "MORVANE_SOURCE_DIR=${PROJECT_SOURCE_DIR};MORVANE_BINARY_DIR=${PROJECT_BINARY_DIR};QT_QPA_PLATFORM=offscreen;${ARG_ENVIRONMENT}")
+    # Properties travel as one flat list: an empty label list would shift the pairs. Tests
+    # take their folders and settings from tests/support, not from the environment.
+    set(properties TIMEOUT ${ARG_TIMEOUT})
+    if(labels)
+        list(JOIN labels "\\;" joined)
+        list(APPEND properties LABELS "${joined}")
+    endif()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
 endfunction()
 
 # morvane_add_benchmark(<name> SOURCES ... [LIBS ...])

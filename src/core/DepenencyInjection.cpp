@@ -4,12 +4,20 @@
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
 #include "platform/NotificationCenter.h"
+#include "settings/ConfigFileWriter.h"
+#include "settings/Settings.h"
 
 namespace morvane {
 
 std::vector<Service> DepenencyInjection::serviceTable() {
     using LifeCycle = Service::LifeCycle;
     std::vector<Service> rows;
+    rows.push_back(Service::global<Settings>());
+    rows.push_back(Service::make<ConfigFileWriter>(LifeCycle::global, [](Dependencies&) {
+        auto writer = std::make_shared<ConfigFileWriter>();
+        writer->SANDBOXED = true;
+        return writer;
+    }));
     rows.push_back(Service::make<NotificationPublisher>(LifeCycle::global, [](Dependencies&) {
         return std::make_shared<NotificationPublisher>(
             NotificationPublisher{platform::NotificationCenter::defaultCenter()});

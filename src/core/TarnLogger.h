@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "core/LogLevel.h"
+#include "device/LogLevel.h"
 
 namespace morvane {
 

@@ -1,9 +1,9 @@
 #include "logging/FileDestination.h"
 
-#include <cstdlib>
 #include <system_error>
 
 #include "platform/FileAppend.h"
+#include "platform/Files.h"
 #include "platform/ProcessInfo.h"
 
 namespace morvane::logging {
@@ -13,33 +13,19 @@ namespace fs = std::filesystem;
 FileDestination::FileDestination(std::optional<fs::path> logFileURL)
     : logFileURL_(logFileURL ? std::move(logFileURL) : defaultLogFileURL()) {}
 
-std::optional<fs::path> FileDestination::cachesDirectory() {
-    // A relative XDG path is to be ignored, as if unset.
-    if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && *cache == '/') {
-        return fs::path(cache);
-    }
-    if (const char* home = std::getenv("HOME"); home && *home != '\0') {
-        return fs::path(home) / ".cache";
-    }
-    return std::nullopt;
-}
-
-std::optional<fs::path> FileDestination::defaultLogFileURL() {
-    auto base = cachesDirectory();
-    if (!base) {
-        return std::nullopt;
-    }
+fs::path FileDestination::defaultLogFileURL() {
+    fs::path base = platform::cachesDirectory();
     const std::string executable = platform::executableName();
     if (!executable.empty()) {
         std::error_code error;
-        fs::create_directories(*base / executable, error);
+        fs::create_directories(base / executable, error);
         if (error) {
             printLine("Warning! Could not create folder /Library/Caches/" + executable);
         } else {
-            *base /= executable;
+            base /= executable;
         }
     }
-    return *base / "logcenter.log";
+    return base / "logcenter.log";
 }
 
 void FileDestination::setColored(bool colored) {

@@ -13,7 +13,7 @@ namespace morvane::logging {
 class FileDestination : public BaseDestination {
 public:
     /// Without a file, "logcenter.log" in a folder named after the executable in the user's
-    /// cache directory (created here); absent when there is no cache directory.
+    /// cache directory (created here).
     explicit FileDestination(std::optional<std::filesystem::path> logFileURL = std::nullopt);
 
     std::size_t defaultHashValue() const override { return 2; }
@@ -35,11 +35,8 @@ public:
     /// True when there is no file to remove or it was removed.
     bool deleteLogFile();
 
-    /// The user's cache directory: $XDG_CACHE_HOME, else ~/.cache.
-    static std::optional<std::filesystem::path> cachesDirectory();
-
 private:
-    static std::optional<std::filesystem::path> defaultLogFileURL();
+    static std::filesystem::path defaultLogFileURL();
     void saveToFile(const std::string& line) const;
 
     std::optional<std::filesystem::path> logFileURL_;

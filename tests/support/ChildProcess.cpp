@@ -13,8 +13,25 @@ extern char** environ;
 
 namespace morvane::test {
 
-int runProgram(const std::vector<std::string>& argv,
-               const std::map<std::string, std::string>& environment, std::string* output) {
+namespace {
+
+constexpr const char* kRoleVariable = "MORVANE_TEST_CHILD_ROLE";
+
+std::map<std::string, ChildRole>& roles() {
+    static std::map<std::string, ChildRole> registered;
+    return registered;
+}
+
+std::string selfPath() {
+    char self[4096];
+    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    return length > 0 ? std::string(self, static_cast<std::size_t>(length)) : std::string();
+}
+
+// Spawns the program with the environment merged over ours. With `pipeOut`, standard output
+// and error go into a new pipe whose read end is handed back there.
+pid_t spawn(const std::vector<std::string>& argv,
+            const std::map<std::string, std::string>& environment, int* pipeOut) {
     std::map<std::string, std::string> merged;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const char* equals = std::strchr(*entry, '=');
@@ -44,8 +61,9 @@ int runProgram(const std::vector<std::string>& argv,
     int pipeFds[2] = {-1, -1};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    if (output != nullptr) {
+    if (pipeOut != nullptr) {
         if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
+            posix_spawn_file_actions_destroy(&actions);
             return -1;
         }
         posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
@@ -54,36 +72,39 @@ int runProgram(const std::vector<std::string>& argv,
     pid_t pid = -1;
     const int spawned = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    if (output != nullptr) {
+    if (pipeOut != nullptr) {
         ::close(pipeFds[1]);
         if (spawned == 0) {
-            char buffer[4096];
-            ssize_t n;
-            while ((n = ::read(pipeFds[0], buffer, sizeof buffer)) > 0) {
-                output->append(buffer, static_cast<size_t>(n));
-            }
+            *pipeOut = pipeFds[0];
+        } else {
+            ::close(pipeFds[0]);
         }
-        ::close(pipeFds[0]);
     }
-    if (spawned != 0) {
+    return spawned == 0 ? pid : -1;
+}
+
+}  // namespace
+
+int runProgram(const std::vector<std::string>& argv,
+               const std::map<std::string, std::string>& environment, std::string* output) {
+    int pipeFd = -1;
+    const pid_t pid = spawn(argv, environment, output != nullptr ? &pipeFd : nullptr);
+    if (pid < 0) {
         return -1;
+    }
+    if (pipeFd >= 0) {
+        char buffer[4096];
+        ssize_t n;
+        while ((n = ::read(pipeFd, buffer, sizeof buffer)) > 0) {
+            output->append(buffer, static_cast<std::size_t>(n));
+        }
+        ::close(pipeFd);
     }
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0) {
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
-
-namespace {
-
-constexpr const char* kRoleVariable = "MORVANE_TEST_CHILD_ROLE";
-
-std::map<std::string, ChildRole>& roles() {
-    static std::map<std::string, ChildRole> registered;
-    return registered;
-}
-
-}  // namespace
 
 bool registerChildRole(const char* name, ChildRole role) {
     roles()[name] = role;
@@ -105,15 +126,15 @@ std::optional<int> runChildRoleIfAsked() {
 
 int runChild(const std::string& role, const std::map<std::string, std::string>& environment,
              std::string* output) {
-    char self[4096];
-    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0) {
-        return -1;
-    }
-    self[length] = '\0';
     auto withRole = environment;
     withRole[kRoleVariable] = role;
-    return runProgram({self}, withRole, output);
+    return runProgram({selfPath()}, withRole, output);
+}
+
+int startChild(const std::string& role, const std::map<std::string, std::string>& environment) {
+    auto withRole = environment;
+    withRole[kRoleVariable] = role;
+    return spawn({selfPath()}, withRole, nullptr);
 }
 
 }  // namespace morvane::test

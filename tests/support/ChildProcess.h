@@ -21,6 +21,9 @@ std::optional<int> runChildRoleIfAsked();
 /// a signal).
 int runChild(const std::string& role, const std::map<std::string, std::string>& environment,
              std::string* output = nullptr);
+/// Starts the current test executable as the named child role without waiting for it; the
+/// caller reaps it with waitpid. Gives -1 when it could not start.
+int startChild(const std::string& role, const std::map<std::string, std::string>& environment);
 
 /// Runs a program with arguments and extra environment and returns its exit status, with
 /// standard output and error collected into `output` when given.

@@ -76,6 +76,9 @@ TempHome::TempHome() : dir_("morvane-home") {
     env_.set("XDG_DATA_HOME", dataHome().string());
     env_.set("XDG_CACHE_HOME", cacheHome().string());
     env_.set("MORVANECLOUD_SYSROOT", sysroot().string());
+    // A test runs as the agent unless it says otherwise: these two mark a command-line run.
+    env_.unset("PWD");
+    env_.unset("SUDO_COMMAND");
 }
 
 std::string readFile(const fs::path& path) {

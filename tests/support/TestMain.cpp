@@ -12,6 +12,10 @@ int main(int argc, char** argv) {
     if (const auto status = morvane::test::runChildRoleIfAsked()) {
         return *status;
     }
+    // Widgets, where a test makes any, never need a display.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
     ::testing::InitGoogleMock(&argc, argv);
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     QCoreApplication app(argc, argv);

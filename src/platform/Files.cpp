@@ -1,0 +1,116 @@
+#include "platform/Files.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <QSaveFile>
+#include <QString>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+namespace morvane::platform {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path xdgFolder(const char* variable, const char* fallbackBelowHome) {
+    // Relative values are invalid by the XDG rules and must be ignored.
+    if (const char* value = std::getenv(variable); value != nullptr && value[0] == '/') {
+        return value;
+    }
+    return userHomeDirectory() / fallbackBelowHome;
+}
+
+std::optional<passwd> lookUpAccount(const char* name, uid_t uid, std::vector<char>& buffer) {
+    passwd entry{};
+    passwd* found = nullptr;
+    buffer.resize(16384);
+    const int failed = name != nullptr
+                           ? ::getpwnam_r(name, &entry, buffer.data(), buffer.size(), &found)
+                           : ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
+    if (failed != 0 || found == nullptr) {
+        return std::nullopt;
+    }
+    return entry;
+}
+
+}  // namespace
+
+fs::path applicationSupportDirectory() {
+    return xdgFolder("XDG_DATA_HOME", ".local/share");
+}
+
+fs::path cachesDirectory() {
+    return xdgFolder("XDG_CACHE_HOME", ".cache");
+}
+
+fs::path accountHomeDirectory() {
+    std::vector<char> buffer;
+    if (auto account = lookUpAccount(nullptr, ::getuid(), buffer); account && account->pw_dir) {
+        return account->pw_dir;
+    }
+    return "/";
+}
+
+fs::path userHomeDirectory() {
+    if (const char* home = std::getenv("HOME"); home != nullptr && home[0] == '/') {
+        return home;
+    }
+    return accountHomeDirectory();
+}
+
+std::optional<std::string> readTextFile(const fs::path& path, std::string* error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        if (error != nullptr) {
+            *error = "The file \"" + path.filename().string() +
+                     "\" couldn't be opened: " + std::strerror(errno);
+        }
+        return std::nullopt;
+    }
+    std::ostringstream content;
+    content << in.rdbuf();
+    if (in.bad()) {
+        if (error != nullptr) {
+            *error = "The file \"" + path.filename().string() + "\" couldn't be read.";
+        }
+        return std::nullopt;
+    }
+    return content.str();
+}
+
+std::optional<std::string> writeFileAtomically(const fs::path& path, const std::string& content) {
+    QSaveFile file(QString::fromStdString(path.string()));
+    if (!file.open(QIODevice::WriteOnly)) {
+        return file.errorString().toStdString();
+    }
+    const auto size = static_cast<qint64>(content.size());
+    if (file.write(content.data(), size) != size) {
+        const auto error = file.errorString().toStdString();
+        file.cancelWriting();
+        return error;
+    }
+    if (!file.commit()) {
+        return file.errorString().toStdString();
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> changeOwner(const fs::path& path, const std::string& accountName) {
+    std::vector<char> buffer;
+    const auto account = lookUpAccount(accountName.c_str(), 0, buffer);
+    if (!account) {
+        return "no account named \"" + accountName + "\"";
+    }
+    if (::chown(path.c_str(), account->pw_uid, account->pw_gid) != 0) {
+        return std::string(std::strerror(errno));
+    }
+    return std::nullopt;
+}
+
+}  // namespace morvane::platform

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace morvane::platform {
+
+/// The user's data folder ($XDG_DATA_HOME, else ~/.local/share): the stand-in for the
+/// Application Support directory.
+std::filesystem::path applicationSupportDirectory();
+/// The user's cache folder ($XDG_CACHE_HOME, else ~/.cache).
+std::filesystem::path cachesDirectory();
+/// The home folder of the account the process runs for: $HOME when set, else the account
+/// database's entry for the real user id.
+std::filesystem::path userHomeDirectory();
+/// The home folder the account database gives for the real user id.
+std::filesystem::path accountHomeDirectory();
+
+/// Reads a whole file. On failure gives nothing and, when asked, the reason.
+std::optional<std::string> readTextFile(const std::filesystem::path& path,
+                                        std::string* error = nullptr);
+/// Writes the whole file through a temporary file in the same folder and a rename, so that
+/// a reader, or a crash, never sees half a file. Gives the reason on failure, else nothing.
+std::optional<std::string> writeFileAtomically(const std::filesystem::path& path,
+                                               const std::string& content);
+/// Gives the file to the named account and its primary group. The reason on failure.
+std::optional<std::string> changeOwner(const std::filesystem::path& path,
+                                       const std::string& accountName);
+
+}  // namespace morvane::platform

@@ -1,0 +1,77 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "core/DepenencyInjection.h"
+#include "platform/ManualScheduler.h"
+#include "settings/ConfigFileWriter.h"
+#include "support/MainLoop.h"
+#include "support/TestEnvironment.h"
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ConfigFileWriterTest : public ::testing::Test {
+protected:
+    void SetUp() override { Dependencies::build(DepenencyInjection::serviceTable()); }
+    void TearDown() override { Dependencies::build(std::vector<Service>{}); }
+
+    test::TempHome home_;
+    std::shared_ptr<platform::ManualScheduler> scheduler_ =
+        std::make_shared<platform::ManualScheduler>();
+    test::ScopedScheduler installed_{scheduler_};
+    ConfigFileWriter writer_;
+};
+
+TEST_F(ConfigFileWriterTest, HandOverFileLivesInTmpUnderTheSysroot) {
+    EXPECT_EQ(ConfigFileWriter::handOverFileURL(), home_.sysroot() / "tmp/.tarncookie");
+}
+
+TEST_F(ConfigFileWriterTest, HandOverFileIsReplacedWholeAndReadableOnlyAsWritten) {
+    testing::internal::CaptureStdout();
+    writer_.writeHandOverFile({{"RPC_URL", "https://10.0.0.1"}, {"INSTALL_KEY", "abc"}});
+    // Nothing was there to delete the first time.
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "failed to delete item at path /tmp with No such file or directory\n");
+    const auto file = ConfigFileWriter::handOverFileURL();
+    EXPECT_EQ(test::readFile(file), "INSTALL_KEY=abc\nRPC_URL=https://10.0.0.1\n");
+    struct stat info {};
+    ASSERT_EQ(::stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0022, 0u) << "nobody else may write the hand-over file";
+
+    writer_.writeHandOverFile({{"RESET", "true"}});
+    EXPECT_EQ(test::readFile(file), "RESET=true\n");
+    // No temporary file is left beside it.
+    std::size_t entries = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(file.parent_path())) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1u);
+}
+
+TEST_F(ConfigFileWriterTest, AFailedWriteSaysSoAndKeepsTheOldFile) {
+    const auto target = home_.root() / "kept/config.json";
+    test::writeFile(target, "{\"old\":true}");
+    ASSERT_EQ(::chmod(target.parent_path().c_str(), 0555), 0);
+    if (::access(target.parent_path().c_str(), W_OK) == 0) {
+        ::chmod(target.parent_path().c_str(), 0755);
+        GTEST_SKIP() << "running as root: a read-only folder does not stop root's writes";
+    }
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(writer_.saveConfigFile("{\"new\":true}", target));
+    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("A write error occured ", 0), 0u);
+    ::chmod(target.parent_path().c_str(), 0755);
+    EXPECT_EQ(test::readFile(target), "{\"old\":true}");
+}
+
+TEST_F(ConfigFileWriterTest, AWriteIntoAMissingFolderFailsWithoutATrace) {
+    const auto target = home_.root() / "no/such/folder/config.json";
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(writer_.saveConfigFile("{}", target));
+    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("A write error occured ", 0), 0u);
+    EXPECT_FALSE(fs::exists(target));
+}
+
+}  // namespace
+}  // namespace morvane

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/TestEnvironment.h"
+
+class QProcess;
+
+namespace morvane::test {
+
+/// tools/devserver as a child process: HTTPS on a free port of 127.0.0.1 with a certificate
+/// of its own, in a temporary folder, for tests that talk to a real device server. It is
+/// steered through its control port: failures to play, keys, policies, and the requests it
+/// received. The process goes with the object; it also stops by itself when this process
+/// dies, since it watches the end of its standard input.
+///
+/// Calls throw std::runtime_error when the server cannot start or refuses a control request,
+/// so that a mistake in a test fails that test with the server's own explanation.
+class DevServer {
+public:
+    static constexpr const char* kInstallKey = "test-install-key";
+    static constexpr const char* kRegisterMethod = "account_add_device";
+    static constexpr const char* kConfigureMethod = "device_configure";
+
+    enum class FaultMode {
+        Error,         // a JSON-RPC error with `code` and `message`
+        Unauthorized,  // the JSON-RPC error "Unauthorized"
+        EmptyBody,     // a reply with no body
+        Undecodable,   // a body that does not decode (`body` to choose it)
+        Status500,     // status 500 with the body a good reply would have had
+        Stall,         // no answer for `stall`, then the usual one
+        Drop,          // the connection closed without a reply
+    };
+
+    // Every member has an initializer, so that a designated initializer may leave any out.
+    struct Fault {
+        FaultMode mode = FaultMode::Error;
+        /// kRegisterMethod or kConfigureMethod; both when absent.
+        std::optional<std::string> method{};
+        /// The next `count` matching requests; until clearFaults() when absent.
+        std::optional<int> count{};
+        std::optional<std::int64_t> code{};
+        std::optional<std::string> message{};
+        std::optional<std::string> body{};
+        std::optional<int> status{};
+        std::chrono::milliseconds stall{0};
+
+        nlohmann::json toJson() const;
+    };
+
+    struct Options {
+        std::vector<std::string> installKeys{kInstallKey};
+        std::vector<std::string> deviceKeys;
+        /// The policy every new device gets a copy of; the server's own default when absent.
+        std::optional<nlohmann::json> policy;
+        /// Pending from the first request on.
+        std::vector<Fault> faults;
+    };
+
+    DevServer();
+    explicit DevServer(const Options& options);
+    DevServer(const DevServer&) = delete;
+    DevServer& operator=(const DevServer&) = delete;
+    ~DevServer();
+
+    int port() const { return port_; }
+    /// "https://127.0.0.1:<port>".
+    std::string baseUrl() const;
+    /// The self-signed certificate the server presents, in PEM.
+    const std::filesystem::path& certificatePath() const { return certificate_; }
+    std::int64_t processId() const;
+
+    void addFault(const Fault& fault);
+    void clearFaults();
+    nlohmann::json pendingFaults();
+
+    /// Every request received, oldest first, each an object with "seq", "time", "method",
+    /// "path", "headers", "body", "json", "rpc_method" and "fault".
+    nlohmann::json requests(int sinceSeq = 0);
+    /// Those whose path is `path`, such as "/api/device".
+    nlohmann::json requestsTo(const std::string& path);
+    void clearRequests();
+
+    void addInstallKey(const std::string& key);
+    void addDeviceKey(const std::string& key);
+    /// A revoked device key makes its next configuration "Unauthorized", as on a real account.
+    void removeDeviceKey(const std::string& key);
+    /// With a device key, that device's policy exactly as given; without, the template for
+    /// devices enrolled later.
+    void setPolicy(const nlohmann::json& policy,
+                   const std::optional<std::string>& deviceKey = std::nullopt);
+    /// Install keys, devices with their policies, and the template.
+    nlohmann::json account();
+
+    /// One request to the control port: "GET" or "POST", a path such as "/faults".
+    nlohmann::json control(const std::string& verb, const std::string& path,
+                           const std::optional<nlohmann::json>& body = std::nullopt);
+
+private:
+    void start(const Options& options);
+    void stop();
+    std::string log() const;
+
+    // Declared first so that it goes last, after the process that writes into it.
+    TempDir folder_;
+    std::unique_ptr<QProcess> process_;
+    int port_ = 0;
+    int controlPort_ = 0;
+    std::filesystem::path certificate_;
+};
+
+}  // namespace morvane::test

@@ -1,0 +1,1 @@
+"""The development device server; the entry point is the devserver script beside it."""
