@@ -73,12 +73,15 @@ std::string LogCenter::strippedFunctionName(std::string_view function) {
 void LogCenter::dispatch(Level level, const std::function<std::string()>& message,
                          std::string_view file, std::string_view function, int line,
                          Context context) {
-    const std::string thread = threadName();
+    std::string thread = threadName();
     std::optional<std::string> text;
+    std::optional<std::string> fileText;
     std::optional<std::string> stripped;
-    const std::string fileText(file);
 
-    for (const auto& destination : destinations()) {
+    const auto& all = destinations();
+    std::size_t visited = 0;
+    for (const auto& destination : all) {
+        const bool last = ++visited == all.size();
         if (!destination->queue()) {
             continue;
         }
@@ -91,11 +94,20 @@ void LogCenter::dispatch(Level level, const std::function<std::string()>& messag
         if (!text) {
             text = message();
         }
-        if (!stripped) {
+        if (!fileText) {
+            fileText = std::string(file);
             stripped = strippedFunctionName(function);
         }
-        destination->enqueue({level, *text, thread, fileText, *stripped, line, context},
-                             !destination->asynchronously());
+        const bool synchronously = !destination->asynchronously();
+        if (last) {
+            // Nothing reads these texts after the last destination: hand them over.
+            destination->enqueue({level, std::move(*text), std::move(thread), std::move(*fileText),
+                                  std::move(*stripped), line, std::move(context)},
+                                 synchronously);
+        } else {
+            destination->enqueue({level, *text, thread, *fileText, *stripped, line, context},
+                                 synchronously);
+        }
     }
 }
 
