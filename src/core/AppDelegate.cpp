@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "platform/MainQueue.h"
+#include "platform/StandardOutput.h"
 #include "settings/Utils.h"
 
 namespace morvane {
@@ -12,12 +13,6 @@ using Key = MorvaneServerInfoSection;
 using platform::MainQueue;
 
 namespace {
-
-void writeLine(const std::string& line) {
-    std::fputs(line.c_str(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
 
 bool environmentIs(const char* name, const char* value) {
     const char* found = std::getenv(name);
@@ -43,7 +38,7 @@ void AppDelegate::start() {
 }
 
 void AppDelegate::startAgent() {
-    writeLine("was not run from the command line");
+    platform::printLine("was not run from the command line");
     auto& fileSetup = appHelper.fileSetup;
     if (fileSetup.importInstallerConfiguration()) {
         settings->reloadConfiguration();
@@ -70,7 +65,7 @@ void AppDelegate::registerAppDefaults() {
 }
 
 void AppDelegate::startCommandLine() {
-    writeLine("wasRunFromCommandLine");
+    platform::printLine("wasRunFromCommandLine");
     clearSettings();
     handleCommandLine(arguments_);
     downloadCertificateIfNeeded();
@@ -154,11 +149,11 @@ void AppDelegate::finishCommandLineRun() {
     installer->runInstallCheck(true, [this] {
         MainQueue::async([this] {
             if (isRunningInDevelopmentTool()) {
-                writeLine("Is running in xCode");
+                platform::printLine("Is running in xCode");
                 return;
             }
             MainQueue::after(std::chrono::seconds(3), [this] {
-                writeLine("quitting");
+                platform::printLine("quitting");
                 terminate();
             });
         });

@@ -9,6 +9,7 @@
 #include "platform/BuildInfo.h"
 #include "platform/Files.h"
 #include "platform/MainQueue.h"
+#include "platform/StandardOutput.h"
 #include "platform/UserDefaults.h"
 
 namespace morvane {
@@ -21,13 +22,6 @@ namespace {
 // The library is told where a line came from: always this logger's own log call.
 constexpr std::string_view kFile = "core/TarnLogger.cpp";
 constexpr std::string_view kFunction = "log(_:level:)";
-
-void writeLine(const char* prefix, const std::string& text) {
-    std::fputs(prefix, stdout);
-    std::fputs(text.c_str(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
 
 }  // namespace
 
@@ -133,9 +127,9 @@ void TarnLogger::log(const std::string& message, LogLevel level) {
         }
         if (level == LogLevel::production) {
             LogCenter::verbose(text, kFile, kFunction, __LINE__);
-            writeLine("verbose ", text);
+            platform::printLine("verbose " + text);
         } else if (level == LogLevel::diagnose) {
-            writeLine("diagnose ", text);
+            platform::printLine("diagnose " + text);
             LogCenter::debug(text, kFile, kFunction, __LINE__);
         }
     });

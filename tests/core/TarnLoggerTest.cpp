@@ -35,7 +35,9 @@ protected:
         scheduler_->runPending();
         std::vector<std::string> lines;
         test::runMainLoopUntil([&] {
-            lines = linesOf(test::readFile(logFile()));
+            // Only whole lines count: the writer may be in the middle of one.
+            const std::string text = test::readFile(logFile());
+            lines = linesOf(text.substr(0, text.rfind('\n') + 1));
             return lines.size() >= count;
         });
         return lines;
