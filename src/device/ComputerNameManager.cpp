@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "platform/SystemAccountQueries.h"
+#include "platform/SystemLog.h"
 #include "platform/UserDefaults.h"
 
 namespace morvane {
@@ -41,8 +42,7 @@ ComputerNameManager::ComputerNameManager()
     : ComputerNameManager(platform::SystemAccountQueries::shared()) {}
 
 ComputerNameManager::ComputerNameManager(std::shared_ptr<const platform::AccountQueries> queries)
-    : queries_(std::move(queries)),
-      systemLog_("com.lorvex.tarn.MorvaneCloud", "ComputerNameManager") {}
+    : queries_(std::move(queries)) {}
 
 bool ComputerNameManager::isLocalUser() const {
     const std::string user = queries_->currentUserName();
@@ -57,8 +57,8 @@ bool ComputerNameManager::isLocalUser() const {
 std::optional<std::string> ComputerNameManager::directoryName(const std::string& user) const {
     const auto lookup = queries_->lookUp(user);
     if (lookup.errorCode != 0) {
-        systemLog_.error("ODQuery::queryWithNode error " + lookup.errorDescription + " (" +
-                         std::to_string(lookup.errorCode) + ")");
+        platform::writeSystemLog("ODQuery::queryWithNode error " + lookup.errorDescription + " (" +
+                                 std::to_string(lookup.errorCode) + ")");
     }
     if (!lookup.account) {
         return std::nullopt;

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "platform/AccountQueries.h"
-#include "platform/SystemLog.h"
 
 namespace morvane {
 
@@ -44,7 +43,6 @@ private:
     std::optional<std::string> directoryName(const std::string& user) const;
 
     std::shared_ptr<const platform::AccountQueries> queries_;
-    platform::SystemLog systemLog_;
 };
 
 }  // namespace morvane

@@ -1,8 +1,7 @@
 #include "device/DeviceConfigManager.h"
 
-#include <cstdio>
-
 #include "device/JSONCoding.h"
+#include "platform/StandardOutput.h"
 #include "settings/Utils.h"
 
 namespace morvane {
@@ -10,11 +9,6 @@ namespace morvane {
 namespace {
 
 using Key = MorvaneServerInfoSection;
-
-void writeLine(const std::string& line) {
-    std::fputs((line + "\n").c_str(), stdout);
-    std::fflush(stdout);
-}
 
 }  // namespace
 
@@ -139,7 +133,7 @@ void DeviceConfigManager::saveDeviceConfiguration(const DeviceConfiguration& con
     if (!url) {
         return;
     }
-    writeLine("writing DeviceConfiguration to file://" + url->string());
+    platform::printLine("writing DeviceConfiguration to file://" + url->string());
     configWriter->saveConfigFile(*text, *url);
 }
 

@@ -4,23 +4,18 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <semaphore>
 
 #include "device/JSONCoding.h"
 #include "platform/MainQueue.h"
 #include "platform/OperatingSystem.h"
+#include "platform/StandardOutput.h"
 
 namespace morvane {
 
 namespace {
 
 using Key = MorvaneServerInfoSection;
-
-void writeLine(const std::string& line) {
-    std::fputs((line + "\n").c_str(), stdout);
-    std::fflush(stdout);
-}
 
 // The caller's side of one exchange. The reply may come after the caller has stopped
 // waiting (a main-thread call past its limit); it then finds the call abandoned and is
@@ -120,7 +115,7 @@ std::optional<std::string> DeviceServerAPI::dataFromPayload(const Payload& paylo
     std::string error;
     auto data = payload.toData(&error);
     if (!data) {
-        writeLine("error in converting the payload to data: " + error);
+        platform::printLine("error in converting the payload to data: " + error);
     }
     return data;
 }
@@ -130,7 +125,7 @@ std::optional<std::string> DeviceServerAPI::dataFromConfigRequest(
     std::string error;
     auto data = encodeJSON(request, &error);
     if (!data) {
-        writeLine("error in converting the payload to data: " + error);
+        platform::printLine("error in converting the payload to data: " + error);
     }
     return data;
 }

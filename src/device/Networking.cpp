@@ -1,20 +1,11 @@
 #include "device/Networking.h"
 
-#include <cstdio>
 #include <vector>
 
 #include "device/JSONCoding.h"
+#include "platform/StandardOutput.h"
 
 namespace morvane {
-
-namespace {
-
-void writeLine(const std::string& line) {
-    std::fputs((line + "\n").c_str(), stdout);
-    std::fflush(stdout);
-}
-
-}  // namespace
 
 Networking::Networking(platform::URL url, bool weakKey)
     : rpcURL(std::move(url)), allowWeakKey(weakKey) {}
@@ -59,7 +50,7 @@ void Networking::postDeviceAPI(const std::string& data, ServerMethods method, st
         return;
     }
     if (reply.body.empty()) {
-        writeLine("missing data");
+        platform::printLine("missing data");
         completion(std::nullopt, std::nullopt, std::nullopt);
         return;
     }
@@ -75,7 +66,7 @@ void Networking::postDeviceAPI(const std::string& data, ServerMethods method, st
         if (!configuration) {
             logger->log("error in converting the DeviceResult from data: " + error,
                         LogLevel::production);
-            writeLine("original device result is " + reply.body);
+            platform::printLine("original device result is " + reply.body);
         } else {
             if (configuration->error) {
                 logger->log("Network call error message " + configuration->error->message + call,
@@ -89,7 +80,7 @@ void Networking::postDeviceAPI(const std::string& data, ServerMethods method, st
         if (auto configuration = decodeJSON<MainConfiguration>(reply.body, &error)) {
             response = std::move(*configuration);
         } else {
-            writeLine("error in converting the DeviceResult from data: " + error);
+            platform::printLine("error in converting the DeviceResult from data: " + error);
         }
     }
     completion(std::move(response), std::nullopt, std::move(deviceError));

@@ -1,23 +1,10 @@
 #pragma once
 
-#include <string>
+#include <string_view>
 
 namespace morvane::platform {
 
-/// A handle on the system log for one subsystem and category: the lines go to syslog with
-/// the subsystem as ident and "[category] " in front of the message.
-class SystemLog {
-public:
-    SystemLog(std::string subsystem, std::string category);
-
-    void error(const std::string& message) const;
-
-    const std::string& subsystem() const { return subsystem_; }
-    const std::string& category() const { return category_; }
-
-private:
-    std::string subsystem_;
-    std::string category_;
-};
+/// Writes one line to the system log (syslog, as the running executable, user facility).
+void writeSystemLog(std::string_view line);
 
 }  // namespace morvane::platform

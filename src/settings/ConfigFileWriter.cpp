@@ -6,6 +6,7 @@
 
 #include "device/JSONCoding.h"
 #include "platform/Files.h"
+#include "platform/StandardOutput.h"
 #include "platform/SystemPaths.h"
 #include "settings/KeyValueText.h"
 #include "settings/Utils.h"
@@ -14,16 +15,6 @@ namespace morvane {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-void writeLine(const std::string& line) {
-    std::fputs(line.c_str(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
-
-}  // namespace
-
 fs::path ConfigFileWriter::handOverFileURL() {
     return platform::systemPath("/tmp/.tarncookie");
 }
@@ -31,7 +22,7 @@ fs::path ConfigFileWriter::handOverFileURL() {
 bool ConfigFileWriter::saveConfigFile(const std::string& text, const fs::path& url) {
     logger->log("saving config file to " + url.string(), LogLevel::production);
     if (auto failure = platform::writeFileAtomically(url, text)) {
-        writeLine("A write error occured " + *failure);
+        platform::printLine("A write error occured " + *failure);
         return false;
     }
     Utils::fixOwner(url);
@@ -59,7 +50,7 @@ void ConfigFileWriter::deleteHandOverFile() {
         error = std::make_error_code(std::errc::no_such_file_or_directory);
     }
     if (error) {
-        writeLine("failed to delete item at path /tmp with " + error.message());
+        platform::printLine("failed to delete item at path /tmp with " + error.message());
     }
     std::this_thread::sleep_for(std::chrono::seconds(1));
 }
@@ -70,7 +61,8 @@ void ConfigFileWriter::writeHandOverFile(const std::map<std::string, std::string
     std::error_code ignored;
     fs::create_directories(url.parent_path(), ignored);
     if (auto failure = platform::writeFileAtomically(url, key_value_text::format(entries))) {
-        writeLine("file could not be written to file://" + url.string() + " with " + *failure);
+        platform::printLine("file could not be written to file://" + url.string() + " with " +
+                            *failure);
     }
 }
 

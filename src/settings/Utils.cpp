@@ -7,6 +7,7 @@
 
 #include "device/JSONCoding.h"
 #include "platform/Files.h"
+#include "platform/StandardOutput.h"
 #include "platform/SystemPaths.h"
 #include "settings/KeyValueText.h"
 #include "settings/Settings.h"
@@ -24,12 +25,6 @@ std::optional<std::string> environmentValue(const char* name) {
         return std::string(value);
     }
     return std::nullopt;
-}
-
-void writeLine(const std::string& line) {
-    std::fputs(line.c_str(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
 }
 
 // Whether `path` is `folder` itself or lies below it, comparing whole components.
@@ -106,7 +101,7 @@ std::optional<fs::path> Utils::supportFileURL(const std::string& name) {
     std::error_code error;
     fs::create_directories(folder, error);
     if (error) {
-        writeLine("failed to create directory at " + error.message());
+        platform::printLine("failed to create directory at " + error.message());
         return std::nullopt;
     }
     fixOwner(folder);
@@ -140,7 +135,8 @@ std::optional<DeviceConfiguration> Utils::readDeviceConfiguration() {
     }
     auto configuration = decodeJSON<DeviceConfiguration>(*text);
     if (!configuration) {
-        writeLine("device config doesnt exist at ~Library/Caches/config.json. Recreating");
+        platform::printLine(
+            "device config doesnt exist at ~Library/Caches/config.json. Recreating");
     }
     return configuration;
 }
@@ -157,7 +153,7 @@ std::optional<DeviceConfiguration> Utils::readTestDeviceConfiguration(const Sett
     }
     auto configuration = decodeJSON<DeviceConfiguration>(*text);
     if (!configuration) {
-        writeLine("Failed to read JSON config for device config");
+        platform::printLine("Failed to read JSON config for device config");
     }
     return configuration;
 }
@@ -181,8 +177,8 @@ void Utils::getValuesFromInstaller(Settings& settings) {
         return;
     }
     for (const auto& [key, value] : key_value_text::parse(*text)) {
-        writeLine("getValuesFromInstaller:  saving value " + value + " for key " +
-                  std::string(rawValue(key)));
+        platform::printLine("getValuesFromInstaller:  saving value " + value + " for key " +
+                            std::string(rawValue(key)));
         settings.setValue(value, key);
     }
 }
@@ -190,7 +186,7 @@ void Utils::getValuesFromInstaller(Settings& settings) {
 std::optional<std::string> Utils::readInstallerValues() {
     auto text = platform::readTextFile(installerValuesURL());
     if (!text) {
-        writeLine("Log file doesnt exist at ~Library/Caches/config.json. Recreating");
+        platform::printLine("Log file doesnt exist at ~Library/Caches/config.json. Recreating");
     }
     return text;
 }
@@ -202,8 +198,8 @@ void Utils::fixOwner(const fs::path& path) {
     }
     const std::string account = home->filename().string();
     if (auto failure = platform::changeOwner(path, account)) {
-        writeLine("failed to set the owner of " + path.string() + " to " + account + ": " +
-                  *failure);
+        platform::printLine("failed to set the owner of " + path.string() + " to " + account +
+                            ": " + *failure);
     }
 }
 
@@ -213,8 +209,9 @@ bool Utils::wasRunFromCommandLine() {
         if (equals == nullptr) {
             continue;
         }
-        writeLine("key " + std::string(*entry, static_cast<std::size_t>(equals - *entry)) +
-                  " value " + std::string(equals + 1));
+        platform::printLine("key " +
+                            std::string(*entry, static_cast<std::size_t>(equals - *entry)) +
+                            " value " + std::string(equals + 1));
     }
     return environmentValue("SUDO_COMMAND").has_value() || environmentValue("PWD").has_value();
 }

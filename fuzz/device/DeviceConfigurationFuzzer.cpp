@@ -1,0 +1,7 @@
+#include "RoundTrip.h"
+#include "device/DeviceConfiguration.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    morvane::fuzz::checkRoundTrip<morvane::DeviceConfiguration>(data, size);
+    return 0;
+}

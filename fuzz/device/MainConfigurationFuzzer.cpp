@@ -1,0 +1,7 @@
+#include "RoundTrip.h"
+#include "device/MainConfiguration.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    morvane::fuzz::checkRoundTrip<morvane::MainConfiguration>(data, size);
+    return 0;
+}

@@ -1,0 +1,35 @@
+#include "dns/DNSLabelEncoder.h"
+
+#include "dns/DNSWireWriter.h"
+
+namespace morvane::dns {
+
+std::vector<std::uint8_t> DNSLabelEncoder::encode(std::string_view name) {
+    DNSWireWriter writer;
+    encode(name, writer);
+    return writer.takeBytes();
+}
+
+void DNSLabelEncoder::encode(std::string_view name, DNSWireWriter& writer) {
+    // The empty text has no labels, like the root; writing it as one empty piece would end
+    // the name early and leave a stray zero byte in the message.
+    if (name == "." || name.empty()) {
+        writer.writeUInt8(0);
+        return;
+    }
+    // A trailing dot gives an empty last piece and so a second zero byte; names are given
+    // without one.
+    while (true) {
+        const std::size_t dot = name.find('.');
+        const std::string_view piece = name.substr(0, dot);
+        writer.writeUInt8(static_cast<std::uint8_t>(piece.size()));
+        writer.writeText(piece);
+        if (dot == std::string_view::npos) {
+            break;
+        }
+        name.remove_prefix(dot + 1);
+    }
+    writer.writeUInt8(0);
+}
+
+}  // namespace morvane::dns

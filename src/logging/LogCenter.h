@@ -1,0 +1,169 @@
+#pragma once
+
+#include <charconv>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <source_location>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "logging/BaseDestination.h"
+#include "logging/Level.h"
+
+namespace morvane::logging {
+
+/// The process-wide set of destinations and the entry points that send one call to each of
+/// them.
+///
+/// The set has no lock: add and remove destinations from one thread, before logging from
+/// others starts (or from that same thread only). Logging itself may run on any thread; the
+/// caller's part ends when each destination has its line on its queue.
+///
+/// A message may be anything that can be described as text (text, numbers, streamable
+/// values) or a callable returning such a value: the callable runs only when some
+/// destination takes the line, and at most once.
+class LogCenter {
+public:
+    using Level = logging::Level;
+    using Context = BaseDestination::Context;
+
+    LogCenter() = delete;
+
+    /// False when this very destination is already in the set.
+    static bool addDestination(std::shared_ptr<BaseDestination> destination);
+    /// False when it is not in the set.
+    static bool removeDestination(const std::shared_ptr<BaseDestination>& destination);
+    static void removeAllDestinations();
+    static std::size_t countDestinations();
+
+    /// Empty on the main thread; elsewhere the label of the dispatch queue running the
+    /// caller, or a description of the thread when that label is not UTF-8.
+    static std::string threadName();
+
+    template <class Message>
+    static void verbose(Message&& message, std::string_view file, std::string_view function,
+                        int line, Context context = std::nullopt) {
+        custom(Level::verbose, std::forward<Message>(message), file, function, line,
+               std::move(context));
+    }
+    template <class Message>
+    static void debug(Message&& message, std::string_view file, std::string_view function, int line,
+                      Context context = std::nullopt) {
+        custom(Level::debug, std::forward<Message>(message), file, function, line,
+               std::move(context));
+    }
+    template <class Message>
+    static void info(Message&& message, std::string_view file, std::string_view function, int line,
+                     Context context = std::nullopt) {
+        custom(Level::info, std::forward<Message>(message), file, function, line,
+               std::move(context));
+    }
+    template <class Message>
+    static void warning(Message&& message, std::string_view file, std::string_view function,
+                        int line, Context context = std::nullopt) {
+        custom(Level::warning, std::forward<Message>(message), file, function, line,
+               std::move(context));
+    }
+    template <class Message>
+    static void error(Message&& message, std::string_view file, std::string_view function, int line,
+                      Context context = std::nullopt) {
+        custom(Level::error, std::forward<Message>(message), file, function, line,
+               std::move(context));
+    }
+
+    /// The same entry points with the caller's own file, function and line.
+    template <class Message>
+    static void verbose(Message&& message, Context context = std::nullopt,
+                        std::source_location where = std::source_location::current()) {
+        custom(Level::verbose, std::forward<Message>(message), where, std::move(context));
+    }
+    template <class Message>
+    static void debug(Message&& message, Context context = std::nullopt,
+                      std::source_location where = std::source_location::current()) {
+        custom(Level::debug, std::forward<Message>(message), where, std::move(context));
+    }
+    template <class Message>
+    static void info(Message&& message, Context context = std::nullopt,
+                     std::source_location where = std::source_location::current()) {
+        custom(Level::info, std::forward<Message>(message), where, std::move(context));
+    }
+    template <class Message>
+    static void warning(Message&& message, Context context = std::nullopt,
+                        std::source_location where = std::source_location::current()) {
+        custom(Level::warning, std::forward<Message>(message), where, std::move(context));
+    }
+    template <class Message>
+    static void error(Message&& message, Context context = std::nullopt,
+                      std::source_location where = std::source_location::current()) {
+        custom(Level::error, std::forward<Message>(message), where, std::move(context));
+    }
+
+    template <class Message>
+    static void custom(Level level, Message&& message, std::string_view file,
+                       std::string_view function, int line, Context context = std::nullopt) {
+        // Wrapping the message in a reference-only callable keeps it lazy without copying it
+        // and without a heap allocation for the wrapper.
+        dispatch(
+            level, [&message] { return messageText(message); }, file, function, line,
+            std::move(context));
+    }
+
+    /// A message value as text.
+    template <class Value>
+    static std::string describe(const Value& value);
+
+    /// "log(_:level:)" becomes "log()": everything from the first "(" is cut, then "()" is
+    /// appended.
+    static std::string strippedFunctionName(std::string_view function);
+
+private:
+    template <class Message>
+    static void custom(Level level, Message&& message, const std::source_location& where,
+                       Context context) {
+        custom(level, std::forward<Message>(message), where.file_name(), where.function_name(),
+               static_cast<int>(where.line()), std::move(context));
+    }
+
+    template <class Message>
+    static std::string messageText(Message& message) {
+        if constexpr (std::is_invocable_v<Message&>) {
+            return describe(std::invoke(message));
+        } else {
+            return describe(message);
+        }
+    }
+
+    static void dispatch(Level level, const std::function<std::string()>& message,
+                         std::string_view file, std::string_view function, int line,
+                         Context context);
+};
+
+template <class Value>
+std::string LogCenter::describe(const Value& value) {
+    using Type = std::decay_t<Value>;
+    if constexpr (std::is_convertible_v<const Value&, std::string_view>) {
+        return std::string(std::string_view(value));
+    } else if constexpr (std::is_same_v<Type, bool>) {
+        return value ? "true" : "false";
+    } else if constexpr (std::is_same_v<Type, char>) {
+        return std::string(1, value);
+    } else if constexpr (std::is_arithmetic_v<Type>) {
+        // The shortest text that reads back as the same number, as "0.1" rather than
+        // "0.100000".
+        char text[64];
+        const auto result = std::to_chars(text, text + sizeof text, value);
+        return std::string(text, result.ptr);
+    } else {
+        std::ostringstream out;
+        out << value;
+        return out.str();
+    }
+}
+
+}  // namespace morvane::logging

@@ -1,0 +1,169 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "RecordingDestination.h"
+#include "logging/ConsoleDestination.h"
+#include "logging/FileDestination.h"
+#include "logging/Filters.h"
+#include "logging/LogCenter.h"
+#include "platform/DispatchQueue.h"
+#include "support/TestEnvironment.h"
+
+namespace morvane::logging {
+namespace {
+
+using test::RecordingDestination;
+
+class LogCenterTest : public ::testing::Test {
+protected:
+    void TearDown() override { LogCenter::removeAllDestinations(); }
+
+    std::shared_ptr<RecordingDestination> added(Level minLevel = Level::verbose) {
+        auto destination = std::make_shared<RecordingDestination>();
+        destination->setMinLevel(minLevel);
+        LogCenter::addDestination(destination);
+        return destination;
+    }
+
+    // Destinations made without a file set up their default folder in the cache home.
+    morvane::test::TempHome home;
+};
+
+TEST_F(LogCenterTest, TheSetHoldsEachObjectOnce) {
+    auto console = std::make_shared<ConsoleDestination>();
+    auto otherConsole = std::make_shared<ConsoleDestination>();
+    EXPECT_TRUE(LogCenter::addDestination(console));
+    EXPECT_FALSE(LogCenter::addDestination(console));
+    EXPECT_EQ(LogCenter::countDestinations(), 1u);
+    // Equal settings do not make equal destinations.
+    EXPECT_TRUE(LogCenter::addDestination(otherConsole));
+    EXPECT_TRUE(LogCenter::addDestination(std::make_shared<FileDestination>(std::nullopt)));
+    EXPECT_FALSE(LogCenter::addDestination(nullptr));
+    EXPECT_EQ(LogCenter::countDestinations(), 3u);
+
+    EXPECT_TRUE(LogCenter::removeDestination(console));
+    EXPECT_FALSE(LogCenter::removeDestination(console));
+    EXPECT_FALSE(LogCenter::removeDestination(nullptr));
+    EXPECT_EQ(LogCenter::countDestinations(), 2u);
+    LogCenter::removeAllDestinations();
+    EXPECT_EQ(LogCenter::countDestinations(), 0u);
+
+    EXPECT_EQ(BaseDestination().defaultHashValue(), 0u);
+    EXPECT_EQ(console->defaultHashValue(), 1u);
+    EXPECT_EQ(FileDestination(std::nullopt).defaultHashValue(), 2u);
+}
+
+TEST_F(LogCenterTest, EachDestinationHasItsOwnLabelledSerialQueue) {
+    BaseDestination first;
+    BaseDestination second;
+    ASSERT_TRUE(first.queue() && second.queue());
+    EXPECT_EQ(first.queue()->kind(), platform::DispatchQueue::Kind::serial);
+    const std::string label = first.queue()->label();
+    EXPECT_EQ(label.rfind("logcenter-queue-", 0), 0u);
+    const std::string uuid = label.substr(16);
+    ASSERT_EQ(uuid.size(), 36u);
+    EXPECT_EQ(uuid[14], '4');
+    EXPECT_NE(std::string("89AB").find(uuid[19]), std::string::npos);
+    EXPECT_NE(first.queue()->label(), second.queue()->label());
+}
+
+TEST_F(LogCenterTest, CallerFieldsReachTheDestination) {
+    auto destination = added();
+    LogCenter::warning("text", "/src/core/TarnLogger.swift", "log(_:level:)", 77, "ctx");
+    LogCenter::info(12.5);
+    const int line = __LINE__ - 1;
+    LogCenter::error([] { return 7; }, std::string("noparen"), "plain", 1);
+
+    const auto calls = destination->calls();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[0].level, Level::warning);
+    EXPECT_EQ(calls[0].message, "text");
+    EXPECT_EQ(calls[0].file, "/src/core/TarnLogger.swift");
+    EXPECT_EQ(calls[0].function, "log()");
+    EXPECT_EQ(calls[0].line, 77);
+    EXPECT_EQ(calls[0].context, "ctx");
+    // Logged from the main thread: no thread name.
+    EXPECT_EQ(calls[0].thread, "");
+    EXPECT_EQ(calls[1].message, "12.5");
+    EXPECT_EQ(calls[1].line, line);
+    EXPECT_NE(calls[1].file.find("LogCenterTest.cpp"), std::string::npos);
+    EXPECT_EQ(calls[1].context, std::nullopt);
+    EXPECT_EQ(calls[2].message, "7");
+    EXPECT_EQ(calls[2].function, "plain()");
+}
+
+TEST_F(LogCenterTest, ThreadNameIsTheQueueLabel) {
+    auto destination = added();
+    auto queue = platform::DispatchQueue::create("worker-queue");
+    queue->sync([] { LogCenter::info("from queue"); });
+    std::string fromQueue;
+    queue->sync([&] { fromQueue = LogCenter::threadName(); });
+    EXPECT_EQ(fromQueue, "worker-queue");
+    EXPECT_EQ(LogCenter::threadName(), "");
+    const auto calls = destination->calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].thread, "worker-queue");
+}
+
+TEST_F(LogCenterTest, MessageIsTurnedIntoTextOnlyWhenTakenAndOnce) {
+    auto quiet = added(Level::error);
+    int evaluated = 0;
+    auto message = [&evaluated] {
+        ++evaluated;
+        return std::string("costly");
+    };
+    LogCenter::info(message);
+    EXPECT_EQ(evaluated, 0);
+
+    // Two destinations that take the line, one needing the text for its filter first.
+    auto filtered = added();
+    filtered->addFilter(Filters::Message::contains({"cost"}, true, true));
+    auto plain = added();
+    LogCenter::error(message);
+    EXPECT_EQ(evaluated, 1);
+    EXPECT_EQ(filtered->calls().size(), 1u);
+    EXPECT_EQ(plain->calls().size(), 1u);
+    EXPECT_EQ(quiet->calls().size(), 1u);
+}
+
+TEST_F(LogCenterTest, SynchronousDestinationHasWrittenWhenTheCallReturns) {
+    auto destination = std::make_shared<FileDestination>(home.root() / "sync.log");
+    destination->setAsynchronously(false);
+    destination->setFormat("$L $M");
+    destination->setMinLevel(Level::debug);
+    LogCenter::addDestination(destination);
+    ::testing::internal::CaptureStdout();
+    auto console = std::make_shared<ConsoleDestination>();
+    console->setFormat("$L $M");
+    console->setAsynchronously(false);
+    LogCenter::addDestination(console);
+    LogCenter::debug("now");
+    EXPECT_EQ(morvane::test::readFile(home.root() / "sync.log"), "DEBUG now\n");
+    LogCenter::verbose("dropped by the file, printed by the console");
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "DEBUG now\nVERBOSE dropped by the file, printed by the console\n");
+    EXPECT_EQ(morvane::test::readFile(home.root() / "sync.log"), "DEBUG now\n");
+}
+
+TEST(Enqueue, DestinationNotSharedIsSentWhileTheCallerWaits) {
+    RecordingDestination destination;
+    destination.enqueue({Level::error, "m", "", "f", "g()", 1, std::nullopt}, false);
+    const auto calls = destination.calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].message, "m");
+}
+
+TEST(Describe, MessageValuesAsText) {
+    EXPECT_EQ(LogCenter::describe(0.1), "0.1");
+    EXPECT_EQ(LogCenter::describe(-3), "-3");
+    EXPECT_EQ(LogCenter::describe(true), "true");
+    EXPECT_EQ(LogCenter::describe('x'), "x");
+    EXPECT_EQ(LogCenter::describe(std::string_view("sv")), "sv");
+    EXPECT_EQ(LogCenter::strippedFunctionName("log(_:level:)"), "log()");
+    EXPECT_EQ(LogCenter::strippedFunctionName("void f(int) const"), "void f()");
+    EXPECT_EQ(LogCenter::strippedFunctionName(""), "()");
+}
+
+}  // namespace
+}  // namespace morvane::logging
