@@ -1,25 +1,48 @@
-// morvanecloud: the agent in the user's session.
+// morvanecloud: the agent in the user's session, and the install command
+// (`sudo morvanecloud KEY=VALUE ...`). Which of the two a run is follows from its
+// environment: a process started from a shell has "SUDO_COMMAND" or "PWD".
 #include <QApplication>
 #include <QCoreApplication>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <string_view>
+#include <string>
+#include <vector>
 
-#include "core/ChangeObserver.h"
-#include "core/DepenencyInjection.h"
+#include "core/AppDelegate.h"
 #include "platform/BuildInfo.h"
+#include "platform/MainQueue.h"
 #include "platform/TerminationSignals.h"
 
 namespace {
 
 constexpr const char* kUsage =
-    "Usage: morvanecloud [--help] [--version]\n"
+    "Usage: sudo morvanecloud RPC_URL=<url> INSTALL_KEY=<key> [KEY=VALUE ...]\n"
+    "       morvanecloud --help | --version\n"
     "\n"
-    "Runs the MorvaneCloud agent in the foreground of the user's session: it follows\n"
-    "network, sleep and configuration changes and applies the device's DNS policy.\n"
-    "Without a desktop session it runs without a tray icon. Stop it with Ctrl-C.\n";
+    "Started from a shell, morvanecloud is the install command: it clears the stored\n"
+    "settings (all but INSTALL_KEY), takes the KEY=VALUE arguments and enrols the machine.\n"
+    "Run as root, it leaves the values for the user's agent in /tmp/.tarncookie; run as\n"
+    "the user, it enrols at once. Started by the desktop session (no SUDO_COMMAND and no\n"
+    "PWD in its environment) it is the agent, which runs until the session ends.\n"
+    "\n"
+    "Keys:\n"
+    "  RPC_URL=<url>              device server, e.g. https://rpc.example.net:8443 (required)\n"
+    "  INSTALL_KEY=<key>          one-time enrolment key (this or DEVICE_KEY is required)\n"
+    "  DEVICE_KEY=<key>           an existing device key, used without INSTALL_KEY\n"
+    "  DEVICE_NAME=<name>         name to enrol under\n"
+    "  DEVICE_NAME_PREFIX=<text>  put in front of DEVICE_NAME as <prefix>-<name>\n"
+    "  LOCATION_NAME=<name>       location sent to the server\n"
+    "  CUSTOMER_EMAIL=<address>   the customer's address (stored only when well formed)\n"
+    "  ALLOW_WEAK_KEY=true        accept any server certificate (testing only)\n"
+    "  TRAY_TYPE=<n>              status icon style (default 1)\n"
+    "  SHOW_TEST_MENU=TRUE        show the test entries of the menu\n"
+    "  RPC_PORT=<port>, IGNORE_VPNS=<list>\n"
+    "  STOP=TRUE, RESET=true, DOWNLOAD_CERT=true\n"
+    "                             stored, but this build cannot carry them out yet\n"
+    "\n"
+    "Exit status: 0 done; 1 invalid or missing values; 4 values stored but an asked-for\n"
+    "action (STOP, RESET, DOWNLOAD_CERT) is not available in this build.\n";
 
 bool hasDisplay() {
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) {
@@ -33,8 +56,10 @@ bool hasDisplay() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
+    // Only a run whose single argument asks for help is answered without touching anything;
+    // every other run clears and stores settings as the install command always has.
+    if (argc == 2) {
+        const std::string arg = argv[1];
         if (arg == "--help" || arg == "-h") {
             std::fputs(kUsage, stdout);
             return EXIT_SUCCESS;
@@ -47,7 +72,7 @@ int main(int argc, char** argv) {
     }
 
     // A desktop session gets the widgets for the tray; over SSH, under systemd or in CI the
-    // agent runs on a plain event loop.
+    // program runs on a plain event loop.
     std::unique_ptr<QCoreApplication> app;
     if (hasDisplay()) {
         app = std::make_unique<QApplication>(argc, argv);
@@ -57,9 +82,18 @@ int main(int argc, char** argv) {
     QCoreApplication::setApplicationName(morvane::build::kApplicationName);
     QCoreApplication::setApplicationVersion(morvane::build::kVersion);
 
-    morvane::platform::onTerminationSignal([](int) { QCoreApplication::quit(); });
-
-    const morvane::DepenencyInjection dependency;
-    morvane::Dependencies::shared()->resolve<morvane::ChangeObserver>()->startObserving();
-    return app->exec();
+    std::vector<std::string> arguments(argv, argv + argc);
+    morvane::AppDelegate delegate(std::move(arguments), [](morvane::ExitStatus status) {
+        QCoreApplication::exit(static_cast<int>(status));
+    });
+    // A signal is how the session or the service manager ends the agent.
+    morvane::platform::onTerminationSignal([&delegate](int) {
+        if (delegate.applicationShouldTerminate(true)) {
+            QCoreApplication::exit(EXIT_SUCCESS);
+        }
+    });
+    morvane::platform::MainQueue::async([&delegate] { delegate.start(); });
+    const int status = app->exec();
+    std::fflush(stdout);
+    return status;
 }

@@ -8,6 +8,7 @@
 #include "device/DeviceServerAPI.h"
 #include "platform/NotificationCenter.h"
 #include "settings/ConfigFileWriter.h"
+#include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
 
 namespace morvane {
@@ -30,6 +31,7 @@ std::vector<Service> DepenencyInjection::serviceTable() {
     rows.push_back(Service::global<DeviceServerAPI>());
     rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
+    rows.push_back(Service::global<InstallerHelper>());
     return rows;
 }
 

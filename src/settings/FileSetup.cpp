@@ -18,6 +18,24 @@ bool readsAsURL(const std::string& text) {
 
 }  // namespace
 
+std::filesystem::path FileSetup::rootSupportFolder() {
+    return Utils::rootHome() / ".local/share/MorvaneCloud";
+}
+
+void FileSetup::watchUserFiles() {
+    for (const auto& url : {Utils::configFileURL(), Utils::deviceFileURL()}) {
+        if (url) {
+            directoryObserver->watch(*url);
+        }
+    }
+}
+
+void FileSetup::watchRootFiles() {
+    for (const char* name : {"config.json", "device.json"}) {
+        directoryObserver->watch(rootSupportFolder() / name);
+    }
+}
+
 bool FileSetup::hasConfigFile() {
     const auto url = Utils::configFileURL();
     std::error_code ignored;

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 
@@ -150,6 +151,30 @@ DevServer::~DevServer() {
     }
 }
 
+int DevServer::freeShortPort() {
+    // Probing from a random start keeps tests that run side by side off each other's ports.
+    std::random_device random;
+    const int first = 2000 + static_cast<int>(random() % 7000);
+    for (int offset = 0; offset < 7000; ++offset) {
+        const int port = 2000 + (first - 2000 + offset) % 7000;
+        const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (probe < 0) {
+            break;
+        }
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        const bool free =
+            ::bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        ::close(probe);
+        if (free) {
+            return port;
+        }
+    }
+    throw std::runtime_error("devserver: no free port below 10000 on 127.0.0.1");
+}
+
 void DevServer::start(const Options& options) {
     const auto script = sourceDir() / "tools/devserver/devserver";
     const QString python = QStandardPaths::findExecutable(QStringLiteral("python3"));
@@ -158,7 +183,7 @@ void DevServer::start(const Options& options) {
     }
     QStringList arguments{QString::fromStdString(script.string()),
                           QStringLiteral("--port"),
-                          QStringLiteral("0"),
+                          QString::number(options.port),
                           QStringLiteral("--watch-stdin"),
                           QStringLiteral("--work-dir"),
                           QString::fromStdString(folder_.path().string())};

@@ -62,7 +62,13 @@ public:
         std::optional<nlohmann::json> policy;
         /// Pending from the first request on.
         std::vector<Fault> faults;
+        /// The port to listen on; 0 for any free one. The install command accepts ports of
+        /// at most four digits, which the system's free ports seldom are.
+        int port = 0;
     };
+
+    /// A port of 127.0.0.1 below 10000 that nothing listens on at this moment.
+    static int freeShortPort();
 
     DevServer();
     explicit DevServer(const Options& options);

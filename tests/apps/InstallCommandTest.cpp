@@ -1,0 +1,216 @@
+// The install command and the agent as real processes, against tools/devserver: the road
+// from `sudo morvanecloud KEY=VALUE ...` to a stored policy.
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QProcess>
+#include <QProcessEnvironment>
+
+#include "device/DeviceConfiguration.h"
+#include "device/JSONCoding.h"
+#include "device/MainConfiguration.h"
+#include "support/ChildProcess.h"
+#include "support/DevServer.h"
+#include "support/MainLoop.h"
+#include "support/TestEnvironment.h"
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+std::string currentUserName() {
+    const passwd* account = ::getpwuid(::geteuid());
+    return account ? account->pw_name : "user";
+}
+
+bool commandWorks(const std::vector<std::string>& argv) {
+    return test::runProgram(argv, {}, nullptr) == 0;
+}
+
+/// One machine below a temporary system root: root's home, the user's home, /tmp.
+class InstallCommandTest : public ::testing::Test {
+protected:
+    InstallCommandTest() {
+        test::DevServer::Options options;
+        options.port = test::DevServer::freeShortPort();
+        server_ = std::make_unique<test::DevServer>(options);
+        fs::create_directories(userHome() / "Downloads");
+        fs::create_directories(sysroot() / "root");
+        fs::create_directories(sysroot() / "tmp");
+    }
+
+    fs::path sysroot() const { return home_.sysroot(); }
+    fs::path userHome() const { return sysroot() / "home" / currentUserName(); }
+    fs::path userSupport() const { return userHome() / ".local/share/MorvaneCloud"; }
+    fs::path handOverFile() const { return sysroot() / "tmp/.tarncookie"; }
+    fs::path program() const { return test::binaryDir() / "apps/morvanecloud/morvanecloud"; }
+
+    std::vector<std::string> installArguments() const {
+        return {program().string(), "RPC_URL=" + server_->baseUrl(),
+                std::string("INSTALL_KEY=") + test::DevServer::kInstallKey, "ALLOW_WEAK_KEY=true"};
+    }
+
+    /// The environment of a run from a shell in the user's Downloads folder, with `home` as
+    /// the process's own home (root's under sudo).
+    std::map<std::string, std::string> shellEnvironment(const fs::path& home) const {
+        return {{"HOME", home.string()},
+                {"XDG_CONFIG_HOME", (home / ".config").string()},
+                {"XDG_DATA_HOME", (home / ".local/share").string()},
+                {"XDG_CACHE_HOME", (home / ".cache").string()},
+                {"MORVANECLOUD_SYSROOT", sysroot().string()},
+                {"PWD", (userHome() / "Downloads").string()}};
+    }
+
+    /// The command as root: for real when the tests run as root, else in a user namespace
+    /// where this user is root. Gives nothing when neither is possible here.
+    std::optional<int> runInstallCommandAsRoot(std::string* output) {
+        auto argv = installArguments();
+        if (::geteuid() != 0) {
+            if (!commandWorks({"/usr/bin/unshare", "--user", "--map-root-user", "/bin/true"})) {
+                return std::nullopt;
+            }
+            argv.insert(argv.begin(), {"/usr/bin/unshare", "--user", "--map-root-user"});
+        }
+        auto environment = shellEnvironment(sysroot() / "root");
+        environment["SUDO_COMMAND"] = "/usr/bin/morvanecloud";
+        return test::runProgram(argv, environment, output);
+    }
+
+    /// The agent as the desktop session starts it: the user's home, no PWD, no SUDO_COMMAND.
+    void startAgent() {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.remove("PWD");
+        environment.remove("SUDO_COMMAND");
+        for (const auto& [name, value] : shellEnvironment(userHome())) {
+            environment.insert(QString::fromStdString(name), QString::fromStdString(value));
+        }
+        environment.remove("PWD");
+        agent_.setProcessEnvironment(environment);
+        agent_.setStandardOutputFile(QString::fromStdString(agentLog().string()));
+        agent_.setStandardErrorFile(QString::fromStdString(agentLog().string()), QIODevice::Append);
+        agent_.start(QString::fromStdString(program().string()), {});
+        ASSERT_TRUE(agent_.waitForStarted());
+    }
+
+    fs::path agentLog() const { return home_.root() / "agent.log"; }
+
+    std::optional<DeviceConfiguration> storedPolicy() const {
+        return decodeJSON<DeviceConfiguration>(test::readFile(userSupport() / "device.json"));
+    }
+
+    void TearDown() override {
+        if (agent_.state() != QProcess::NotRunning) {
+            agent_.terminate();
+            agent_.waitForFinished(10000);
+        }
+        if (HasFailure()) {
+            std::cerr << "agent output:\n" << test::readFile(agentLog()) << '\n';
+        }
+    }
+
+    test::TempHome home_;
+    std::unique_ptr<test::DevServer> server_;
+    QProcess agent_;
+};
+
+TEST_F(InstallCommandTest, AsRootTheValuesGoToTheHandOverFileAndTheAgentEnrolsWithThem) {
+    std::string output;
+    const auto status = runInstallCommandAsRoot(&output);
+    if (!status) {
+        GTEST_SKIP() << "neither root nor a user namespace with root in it is available";
+    }
+    ASSERT_EQ(*status, 0) << output;
+    EXPECT_NE(output.find("wasRunFromCommandLine"), std::string::npos);
+    const std::string handOver = test::readFile(handOverFile());
+    EXPECT_NE(handOver.find("RPC_URL=" + server_->baseUrl() + "\n"), std::string::npos);
+    EXPECT_NE(handOver.find(std::string("INSTALL_KEY=") + test::DevServer::kInstallKey),
+              std::string::npos);
+    EXPECT_NE(handOver.find("ALLOW_WEAK_KEY=true\n"), std::string::npos);
+    // A run as root enrols nothing itself.
+    EXPECT_TRUE(server_->requests().empty());
+
+    startAgent();
+    // The agent looks at the hand-over file every 10 seconds; the limit only guards a hang.
+    ASSERT_TRUE(test::runMainLoopUntil(
+        [&] {
+            const auto policy = storedPolicy();
+            return policy && policy->result;
+        },
+        90s));
+    EXPECT_EQ(server_->requestsTo("/api/register").size(), 1u);
+    EXPECT_GE(server_->requestsTo("/api/device").size(), 1u);
+    const auto config =
+        decodeJSON<MainConfiguration>(test::readFile(userSupport() / "config.json"));
+    ASSERT_TRUE(config && config->result);
+    EXPECT_FALSE(config->result->device.empty());
+    // The new policy, written over the watched file, reaches the change loop as an edit.
+    ASSERT_TRUE(test::runMainLoopUntil([&] {
+        return test::readFile(agentLog())
+                   .find("received change of type deviceConfigEditedLocally") != std::string::npos;
+    }));
+
+    agent_.terminate();
+    ASSERT_TRUE(agent_.waitForFinished(10000));
+    EXPECT_EQ(agent_.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(agent_.exitCode(), 0);
+}
+
+TEST_F(InstallCommandTest, AsAPlainUserTheCommandEnrolsItselfAndQuits) {
+    std::vector<std::string> argv = installArguments();
+    if (::geteuid() == 0) {
+        // Root's tests play the plain user in a user namespace, where this process has no
+        // account of root's.
+        if (!commandWorks({"/usr/bin/unshare", "--user", "/bin/true"})) {
+            GTEST_SKIP() << "running as root without user namespaces: no plain user to play";
+        }
+        argv.insert(argv.begin(), {"/usr/bin/unshare", "--user"});
+    }
+    std::string output;
+    const int status = test::runProgram(argv, shellEnvironment(userHome()), &output);
+    ASSERT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("quitting"), std::string::npos);
+    EXPECT_FALSE(fs::exists(handOverFile()));
+    const auto policy = storedPolicy();
+    ASSERT_TRUE(policy && policy->result) << output;
+    EXPECT_EQ(server_->requestsTo("/api/register").size(), 1u);
+}
+
+TEST_F(InstallCommandTest, InvalidValuesFailWithStatusOneAndStoreNothingElse) {
+    std::string output;
+    const int status =
+        test::runProgram({program().string(), "RPC_URL=https://Bad.Example.net", "INSTALL_KEY=k"},
+                         shellEnvironment(userHome()), &output);
+    EXPECT_EQ(status, 1) << output;
+    EXPECT_NE(output.find(" RPC_URL value \"https://Bad.Example.net\" is invalid"),
+              std::string::npos);
+    EXPECT_TRUE(server_->requests().empty());
+}
+
+TEST_F(InstallCommandTest, ActionsThisBuildCannotTakeAreStoredAndReportedAsNotCarriedOut) {
+    std::string output;
+    const int status = test::runProgram({program().string(), "STOP=TRUE", "RESET=true"},
+                                        shellEnvironment(userHome()), &output);
+    EXPECT_EQ(status, 4) << output;
+    EXPECT_NE(output.find("STOP=TRUE (stopping the DNS proxy) is stored but not carried out"),
+              std::string::npos);
+    EXPECT_NE(output.find("RESET=true (resetting the DNS proxy) is stored but not carried out"),
+              std::string::npos);
+}
+
+TEST_F(InstallCommandTest, HelpAloneTouchesNoSetting) {
+    const auto defaults = userHome() / ".config/MorvaneCloud/defaults.ini";
+    test::writeFile(defaults, "[General]\nRPC_URL=https://kept.example.net\n");
+    std::string output;
+    EXPECT_EQ(
+        test::runProgram({program().string(), "--help"}, shellEnvironment(userHome()), &output), 0);
+    EXPECT_NE(output.find("INSTALL_KEY=<key>"), std::string::npos);
+    EXPECT_EQ(test::readFile(defaults), "[General]\nRPC_URL=https://kept.example.net\n");
+}
+
+}  // namespace
+}  // namespace morvane
