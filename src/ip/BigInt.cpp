@@ -5,6 +5,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "ip/BigIntShared.h"
 #include "ip/LimbArithmetic.h"
 #include "ip/NamedException.h"
 
@@ -15,12 +16,7 @@ using limbs::Limb;
 
 namespace {
 
-constexpr int kWords = BigInt::maxLength;
-constexpr int kLimbs = kWords / 2;
-static_assert(kWords % 2 == 0, "the words must pair up into limbs");
-
-constexpr const char* kArithmetic = "ArithmeticException";
-constexpr const char* kArgument = "ArgumentException";
+using namespace bigint_detail;
 
 AliasedLimb* limbsOf(uint32_t* words) {
     return reinterpret_cast<AliasedLimb*>(words);
@@ -474,40 +470,29 @@ BigInt BigInt::bitwiseNot() const {
     return r;
 }
 
-BigInt BigInt::bitwiseAnd(const BigInt& other) const {
+template <class Combine>
+BigInt BigInt::wordwise(const BigInt& other, Combine combine) const {
     BigInt r(Uninitialized::tag);
     const int n = std::max(dataLength_, other.dataLength_);
     for (int i = 0; i < n; ++i) {
-        r.data_[i] = data_[i] & other.data_[i];
+        r.data_[i] = combine(data_[i], other.data_[i]);
     }
     r.clearFrom(n);
     r.dataLength_ = n;
     r.trim();
     return r;
+}
+
+BigInt BigInt::bitwiseAnd(const BigInt& other) const {
+    return wordwise(other, [](uint32_t a, uint32_t b) { return a & b; });
 }
 
 BigInt BigInt::bitwiseOr(const BigInt& other) const {
-    BigInt r(Uninitialized::tag);
-    const int n = std::max(dataLength_, other.dataLength_);
-    for (int i = 0; i < n; ++i) {
-        r.data_[i] = data_[i] | other.data_[i];
-    }
-    r.clearFrom(n);
-    r.dataLength_ = n;
-    r.trim();
-    return r;
+    return wordwise(other, [](uint32_t a, uint32_t b) { return a | b; });
 }
 
 BigInt BigInt::xOr(const BigInt& other) const {
-    BigInt r(Uninitialized::tag);
-    const int n = std::max(dataLength_, other.dataLength_);
-    for (int i = 0; i < n; ++i) {
-        r.data_[i] = data_[i] ^ other.data_[i];
-    }
-    r.clearFrom(n);
-    r.dataLength_ = n;
-    r.trim();
-    return r;
+    return wordwise(other, [](uint32_t a, uint32_t b) { return a ^ b; });
 }
 
 int BigInt::shiftLeft(uint32_t* buffer, int size, int bits) {

@@ -126,6 +126,9 @@ private:
     explicit BigInt(Uninitialized) {}
 
     void trim();
+    /// The word-by-word combination of two numbers, as the bitwise operations need it.
+    template <class Combine>
+    BigInt wordwise(const BigInt& other, Combine combine) const;
     /// Zeroes the words from `from` to the top.
     void clearFrom(int from);
     /// The number made of `count` 64-bit limbs, least significant first, read as unsigned.

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "ip/BigInt.h"
+#include "ip/BigIntShared.h"
 #include "ip/LimbArithmetic.h"
 #include "ip/NamedException.h"
 
@@ -20,10 +21,7 @@ using limbs::Limb;
 
 namespace {
 
-constexpr int kWords = BigInt::maxLength;
-constexpr int kLimbs = kWords / 2;
-constexpr const char* kArithmetic = "ArithmeticException";
-constexpr const char* kArgument = "ArgumentException";
+using namespace bigint_detail;
 
 constexpr int kPrimeBound = 2000;
 constexpr int kPrimeCount = 303;
