@@ -24,32 +24,31 @@ function(morvane_add_library name)
     morvane_target_defaults(morvane_${name})
 endfunction()
 
-# morvane_add_test(<name> SOURCES ... [LIBS ...] [LABELS ...] [TSAN] [TIMEOUT seconds])
+# morvane_add_test(<name> SOURCES ... [LIBS ...] [TSAN] [TIMEOUT seconds])
 # A GoogleTest executable whose cases CTest lists one by one. TSAN adds it to the
 # ThreadSanitizer pass that scripts/test runs in a build of its own.
 function(morvane_add_test name)
     if(NOT MORVANE_BUILD_TESTS)
         return()
     endif()
-    cmake_parse_arguments(ARG "TSAN" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+    cmake_parse_arguments(ARG "TSAN" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE ${ARG_LIBS} morvane_testsupport GTest::gtest GTest::gmock)
     morvane_target_defaults(${name})
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 120)
     endif()
-    set(labels ${ARG_LABELS})
+    # One label a suite, the name of its folder, so that `ctest -L settings` picks a suite out
+    # (ctest -L takes a regular expression). A suite in the ThreadSanitizer pass is marked
+    # "<folder>.tsan", which `ctest -L tsan` finds. Several labels cannot travel through test
+    # discovery, whose property list would split them.
+    get_filename_component(area ${CMAKE_CURRENT_SOURCE_DIR} NAME)
+    set(label ${area})
     if(ARG_TSAN)
-        list(APPEND labels tsan)
+        set(label ${area}.tsan)
         set_property(GLOBAL APPEND PROPERTY MORVANE_TSAN_TESTS ${name})
     endif()
-    # Properties travel as one flat list: an empty label list would shift the pairs. Tests
-    # take their folders and settings from tests/support, not from the environment.
-    set(properties TIMEOUT ${ARG_TIMEOUT})
-    if(labels)
-        list(JOIN labels "\\;" joined)
-        list(APPEND properties LABELS "${joined}")
-    endif()
+    set(properties TIMEOUT ${ARG_TIMEOUT} LABELS ${label})
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
 endfunction()
 
