@@ -10,9 +10,14 @@
 #include "core/Injected.h"
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
+#include "device/DeviceConfigManager.h"
+#include "device/DeviceConfiguration.h"
 #include "platform/DispatchQueue.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Scheduler.h"
+#include "settings/ConfigFileWriter.h"
+#include "settings/InstallerHelper.h"
+#include "settings/Settings.h"
 
 namespace morvane {
 
@@ -45,8 +50,15 @@ public:
     /// The one entry of every event, from the bus or the timer. Main thread only.
     void onChange(ChangeType changeType, const std::optional<platform::Notification>& notification);
 
+    // The services this loop works with. Those of the network and VPN watches, the
+    // notifications, the local resolver, the probe and the shared defaults join them as they
+    // are built.
+    Injected<Settings> settings;
+    Injected<DeviceConfigManager> deviceConfigurationManager;
     Injected<TarnLogger> logger;
     Injected<NotificationPublisher> notificationPublisher;
+    Injected<ConfigFileWriter> configFileWriter;
+    Injected<InstallerHelper> installerHelper;
 
     std::shared_ptr<platform::DispatchQueue> concurrentQueue;
     platform::Clock::time_point startTime;
@@ -61,6 +73,8 @@ public:
     bool hasShownPrivacyAlert = false;
     bool QUIT_QPP = false;
     double unVariedDefault = 10.0;
+    /// The configuration last applied to the DNS proxy.
+    std::optional<DeviceConfiguration> config;
 
 protected:
     // The steps of the policy pass. They do nothing until the extension, the installer
