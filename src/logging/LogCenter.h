@@ -6,7 +6,10 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <version>
+#if defined(__cpp_lib_source_location)
 #include <source_location>
+#endif
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -77,6 +80,10 @@ public:
                std::move(context));
     }
 
+#if defined(__cpp_lib_source_location)
+    // Compilers whose standard library lacks std::source_location (clang 14 on libstdc++
+    // 12, used for the fuzzers) get only the explicit entry points above.
+
     /// The same entry points with the caller's own file, function and line.
     template <class Message>
     static void verbose(Message&& message, Context context = std::nullopt,
@@ -103,6 +110,7 @@ public:
                       std::source_location where = std::source_location::current()) {
         custom(Level::error, std::forward<Message>(message), where, std::move(context));
     }
+#endif
 
     template <class Message>
     static void custom(Level level, Message&& message, std::string_view file,
@@ -123,12 +131,14 @@ public:
     static std::string strippedFunctionName(std::string_view function);
 
 private:
+#if defined(__cpp_lib_source_location)
     template <class Message>
     static void custom(Level level, Message&& message, const std::source_location& where,
                        Context context) {
         custom(level, std::forward<Message>(message), where.file_name(), where.function_name(),
                static_cast<int>(where.line()), std::move(context));
     }
+#endif
 
     template <class Message>
     static std::string messageText(Message& message) {
