@@ -48,30 +48,30 @@ def _typed(name, value):
     return value
 
 
-def make_fault(spec):
+def make_fault(description):
     """A complete fault from its JSON form, with defaults filled in; FaultError otherwise."""
-    if not isinstance(spec, dict):
+    if not isinstance(description, dict):
         raise FaultError("a fault is a JSON object")
-    mode = spec.get("mode")
+    mode = description.get("mode")
     if mode not in MODES:
         raise FaultError(f"mode: must be one of {', '.join(MODES)}")
     fault = {"mode": mode, "method": None, "count": None}
-    method = spec.get("method")
+    method = description.get("method")
     if method is not None and method not in METHODS:
         raise FaultError(f"method: must be one of {', '.join(METHODS)}, or left out for both")
     fault["method"] = method
-    count = spec.get("count")
+    count = description.get("count")
     if count is not None:
         if isinstance(count, bool) or not isinstance(count, int) or count < 1:
             raise FaultError("count: must be a positive integer, or left out for until cleared")
         fault["count"] = count
     params = MODES[mode]
-    for name in spec:
+    for name in description:
         if name not in ("mode", "method", "count") and name not in params:
             raise FaultError(f"{name}: not a parameter of the {mode} mode")
     for name, default in params.items():
-        if name in spec:
-            fault[name] = _typed(name, spec[name])
+        if name in description:
+            fault[name] = _typed(name, description[name])
         elif default is None:
             raise FaultError(f"{name}: the {mode} mode needs it")
         else:
@@ -93,24 +93,24 @@ def parse_option(text):
         except json.JSONDecodeError as error:
             raise FaultError(f"not valid JSON: {error}") from None
     mode, *pairs = text.split(",")
-    spec = {"mode": mode}
+    description = {"mode": mode}
     for pair in pairs:
         name, sep, value = pair.partition("=")
         if not sep:
             raise FaultError(f"'{pair}': expected NAME=VALUE")
         if name in ("count", "code", "status"):
             try:
-                spec[name] = int(value)
+                description[name] = int(value)
             except ValueError:
                 raise FaultError(f"{name}: must be an integer") from None
         elif name == "seconds":
             try:
-                spec[name] = float(value)
+                description[name] = float(value)
             except ValueError:
                 raise FaultError(f"{name}: must be a number") from None
         else:
-            spec[name] = value
-    return make_fault(spec)
+            description[name] = value
+    return make_fault(description)
 
 
 class FaultBook:

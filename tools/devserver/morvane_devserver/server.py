@@ -253,8 +253,8 @@ class ControlHandler(http.server.BaseHTTPRequestHandler):
             elif route == ("GET", "/faults"):
                 self._reply(200, state.faults.pending())
             elif route == ("POST", "/faults"):
-                specs = body if isinstance(body, list) else [body]
-                made = [make_fault(spec) for spec in specs]
+                descriptions = body if isinstance(body, list) else [body]
+                made = [make_fault(description) for description in descriptions]
                 for fault in made:
                     state.faults.add(fault)
                 self._reply(200, state.faults.pending())
