@@ -93,24 +93,35 @@ void DispatchQueue::asyncBarrier(Block block) {
     enqueue(std::move(block), true);
 }
 
+namespace {
+
+// Runs the block and then releases the waiting caller, also when the block throws: the
+// exception is the caller's to see, not a reason to keep it waiting for ever.
+DispatchQueue::Block releasing(const DispatchQueue::Block& block, std::promise<void>& done) {
+    return [&block, &done] {
+        try {
+            block();
+            done.set_value();
+        } catch (...) {
+            done.set_exception(std::current_exception());
+        }
+    };
+}
+
+}  // namespace
+
 void DispatchQueue::sync(Block block) {
     std::promise<void> done;
     auto finished = done.get_future();
-    async([&] {
-        block();
-        done.set_value();
-    });
-    finished.wait();
+    async(releasing(block, done));
+    finished.get();
 }
 
 void DispatchQueue::barrierSync(Block block) {
     std::promise<void> done;
     auto finished = done.get_future();
-    asyncBarrier([&] {
-        block();
-        done.set_value();
-    });
-    finished.wait();
+    asyncBarrier(releasing(block, done));
+    finished.get();
 }
 
 void DispatchQueue::waitUntilIdle() {

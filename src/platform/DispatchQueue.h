@@ -41,8 +41,9 @@ public:
 
     void async(Block block);
     void asyncBarrier(Block block);
-    /// Runs the block on the queue and waits for it. Never call it from a block of the same
-    /// serial queue, or with a barrier from a block of the same concurrent queue.
+    /// Runs the block on the queue and waits for it; an exception of the block is thrown
+    /// again here. Never call it from a block of the same serial queue, or with a barrier
+    /// from a block of the same concurrent queue.
     void sync(Block block);
     void barrierSync(Block block);
     /// Waits until every block queued so far has run (tests and orderly shutdown).

@@ -137,6 +137,8 @@ TEST(DispatchQueueTest, AnExceptionInABlockDoesNotStopTheQueue) {
     queue->async([&] { ranAfter = true; });
     queue->waitUntilIdle();
     EXPECT_TRUE(ranAfter);
+    // A waiting caller gets the exception instead of waiting for ever.
+    EXPECT_THROW(queue->sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
 }
 
 }  // namespace
