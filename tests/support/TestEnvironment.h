@@ -7,7 +7,7 @@
 
 namespace morvane::test {
 
-/// The project's source and build folders, for tests that run tools or read fixtures.
+/// The project's source and build folders, for tests that run tools or programs.
 std::filesystem::path sourceDir();
 std::filesystem::path binaryDir();
 
@@ -61,9 +61,9 @@ private:
     ScopedEnv env_;
 };
 
-/// Reads a whole file; empty when it cannot be read.
+/// A whole file; empty when it cannot be read.
 std::string readFile(const std::filesystem::path& path);
-/// Writes a whole file, creating parent folders.
+/// Creates the parent folders too.
 void writeFile(const std::filesystem::path& path, const std::string& content);
 
 }  // namespace morvane::test
