@@ -41,12 +41,6 @@ protected:
         offMainThread([&] { manager()->configure(key); });
         scheduler_->runPending();
     }
-    void fault(Mode mode, const char* method, DevServer::Fault more = {}) {
-        more.mode = mode;
-        more.method = method;
-        more.count = 1;
-        server_->addFault(more);
-    }
     std::string deviceFile() { return test::readFile(*Utils::deviceFileURL()); }
     std::string configFile() { return test::readFile(*Utils::configFileURL()); }
     std::optional<std::string> get(Key key) { return settings()->getValue(key); }

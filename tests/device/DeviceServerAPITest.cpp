@@ -41,12 +41,6 @@ protected:
         const auto records = server_->requestsTo(path);
         return records.empty() ? nlohmann::json() : records.back();
     }
-    void fault(Mode mode, const char* method, DevServer::Fault more = {}) {
-        more.mode = mode;
-        more.method = method;
-        more.count = 1;
-        server_->addFault(more);
-    }
 };
 
 TEST_F(DeviceServerAPITest, EnrolmentSendsThePayloadWithTheTwoHeadersOnly) {
