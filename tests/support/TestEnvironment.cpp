@@ -9,14 +9,6 @@ namespace morvane::test {
 
 namespace fs = std::filesystem;
 
-fs::path sourceDir() {
-    return MORVANE_TEST_SOURCE_DIR;
-}
-
-fs::path binaryDir() {
-    return MORVANE_TEST_BINARY_DIR;
-}
-
 ScopedEnv::~ScopedEnv() {
     for (const auto& [name, value] : saved_) {
         if (value) {

@@ -8,8 +8,12 @@
 namespace morvane::test {
 
 /// The project's source and build folders, for tests that run tools or programs.
-std::filesystem::path sourceDir();
-std::filesystem::path binaryDir();
+inline std::filesystem::path sourceDir() {
+    return MORVANE_TEST_SOURCE_DIR;
+}
+inline std::filesystem::path binaryDir() {
+    return MORVANE_TEST_BINARY_DIR;
+}
 
 /// Sets environment variables for the life of the object and puts the old values back.
 class ScopedEnv {
