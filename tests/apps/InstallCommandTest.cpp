@@ -1,5 +1,6 @@
 // The install command and the agent as real processes, against tools/devserver: the road
 // from `sudo morvanecloud KEY=VALUE ...` to a stored policy.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
@@ -22,6 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
 
 std::string currentUserName() {
     const passwd* account = ::getpwuid(::geteuid());
@@ -84,7 +86,6 @@ protected:
     /// The agent as the desktop session starts it: the user's home, no PWD, no SUDO_COMMAND.
     void startAgent() {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.remove("PWD");
         environment.remove("SUDO_COMMAND");
         for (const auto& [name, value] : shellEnvironment(userHome())) {
             environment.insert(QString::fromStdString(name), QString::fromStdString(value));
@@ -95,6 +96,16 @@ protected:
         agent_.setStandardErrorFile(QString::fromStdString(agentLog().string()), QIODevice::Append);
         agent_.start(QString::fromStdString(program().string()), {});
         ASSERT_TRUE(agent_.waitForStarted());
+    }
+
+    /// The command as the user, from a shell; gives what it printed.
+    std::string runAsUser(std::vector<std::string> arguments, int expectedStatus) const {
+        arguments.insert(arguments.begin(), program().string());
+        std::string output;
+        EXPECT_EQ(test::runProgram(arguments, shellEnvironment(userHome()), &output),
+                  expectedStatus)
+            << output;
+        return output;
     }
 
     fs::path agentLog() const { return home_.root() / "agent.log"; }
@@ -125,12 +136,11 @@ TEST_F(InstallCommandTest, AsRootTheValuesGoToTheHandOverFileAndTheAgentEnrolsWi
         GTEST_SKIP() << "neither root nor a user namespace with root in it is available";
     }
     ASSERT_EQ(*status, 0) << output;
-    EXPECT_NE(output.find("wasRunFromCommandLine"), std::string::npos);
+    EXPECT_THAT(output, HasSubstr("wasRunFromCommandLine"));
     const std::string handOver = test::readFile(handOverFile());
-    EXPECT_NE(handOver.find("RPC_URL=" + server_->baseUrl() + "\n"), std::string::npos);
-    EXPECT_NE(handOver.find(std::string("INSTALL_KEY=") + test::DevServer::kInstallKey),
-              std::string::npos);
-    EXPECT_NE(handOver.find("ALLOW_WEAK_KEY=true\n"), std::string::npos);
+    EXPECT_THAT(handOver, HasSubstr("RPC_URL=" + server_->baseUrl() + "\n"));
+    EXPECT_THAT(handOver, HasSubstr(std::string("INSTALL_KEY=") + test::DevServer::kInstallKey));
+    EXPECT_THAT(handOver, HasSubstr("ALLOW_WEAK_KEY=true\n"));
     // A run as root enrols nothing itself.
     EXPECT_TRUE(server_->requests().empty());
 
@@ -173,42 +183,31 @@ TEST_F(InstallCommandTest, AsAPlainUserTheCommandEnrolsItselfAndQuits) {
     std::string output;
     const int status = test::runProgram(argv, shellEnvironment(userHome()), &output);
     ASSERT_EQ(status, 0) << output;
-    EXPECT_NE(output.find("quitting"), std::string::npos);
+    EXPECT_THAT(output, HasSubstr("quitting"));
     EXPECT_FALSE(fs::exists(handOverFile()));
     const auto policy = storedPolicy();
     ASSERT_TRUE(policy && policy->result) << output;
     EXPECT_EQ(server_->requestsTo("/api/register").size(), 1u);
 }
 
-TEST_F(InstallCommandTest, InvalidValuesFailWithStatusOneAndStoreNothingElse) {
-    std::string output;
-    const int status =
-        test::runProgram({program().string(), "RPC_URL=https://Bad.Example.net", "INSTALL_KEY=k"},
-                         shellEnvironment(userHome()), &output);
-    EXPECT_EQ(status, 1) << output;
-    EXPECT_NE(output.find(" RPC_URL value \"https://Bad.Example.net\" is invalid"),
-              std::string::npos);
+TEST_F(InstallCommandTest, InvalidValuesFailWithStatusOneAndEnrolNothing) {
+    EXPECT_THAT(runAsUser({"RPC_URL=https://Bad.Example.net", "INSTALL_KEY=k"}, 1),
+                HasSubstr(" RPC_URL value \"https://Bad.Example.net\" is invalid"));
     EXPECT_TRUE(server_->requests().empty());
 }
 
 TEST_F(InstallCommandTest, ActionsThisBuildCannotTakeAreStoredAndReportedAsNotCarriedOut) {
-    std::string output;
-    const int status = test::runProgram({program().string(), "STOP=TRUE", "RESET=true"},
-                                        shellEnvironment(userHome()), &output);
-    EXPECT_EQ(status, 4) << output;
-    EXPECT_NE(output.find("STOP=TRUE (stopping the DNS proxy) is stored but not carried out"),
-              std::string::npos);
-    EXPECT_NE(output.find("RESET=true (resetting the DNS proxy) is stored but not carried out"),
-              std::string::npos);
+    const auto output = runAsUser({"STOP=TRUE", "RESET=true"}, 4);
+    EXPECT_THAT(output,
+                HasSubstr("STOP=TRUE (stopping the DNS proxy) is stored but not carried out"));
+    EXPECT_THAT(output,
+                HasSubstr("RESET=true (resetting the DNS proxy) is stored but not carried out"));
 }
 
 TEST_F(InstallCommandTest, HelpAloneTouchesNoSetting) {
     const auto defaults = userHome() / ".config/MorvaneCloud/defaults.ini";
     test::writeFile(defaults, "[General]\nRPC_URL=https://kept.example.net\n");
-    std::string output;
-    EXPECT_EQ(
-        test::runProgram({program().string(), "--help"}, shellEnvironment(userHome()), &output), 0);
-    EXPECT_NE(output.find("INSTALL_KEY=<key>"), std::string::npos);
+    EXPECT_THAT(runAsUser({"--help"}, 0), HasSubstr("INSTALL_KEY=<key>"));
     EXPECT_EQ(test::readFile(defaults), "[General]\nRPC_URL=https://kept.example.net\n");
 }
 

@@ -41,15 +41,13 @@ protected:
         offMainThread([&] { manager()->configure(key); });
         scheduler_->runPending();
     }
-    void fault(Mode mode, const char* method, DevServer::Fault more = {}) {
-        more.mode = mode;
-        more.method = method;
-        more.count = 1;
-        server_->addFault(more);
-    }
     std::string deviceFile() { return test::readFile(*Utils::deviceFileURL()); }
     std::string configFile() { return test::readFile(*Utils::configFileURL()); }
     std::optional<std::string> get(Key key) { return settings()->getValue(key); }
+    static MainConfiguration earlierEnrolment() {
+        return *decodeJSON<MainConfiguration>(
+            R"({"id":1,"jsonrpc":"2.0","result":{"device":"old-key","name":"n","type":"Tarn"}})");
+    }
 
     std::vector<DeviceConfiguration> published_;
     std::shared_ptr<platform::NotificationCenter::Subscription> subscription_;
@@ -94,9 +92,7 @@ TEST_F(DeviceConfigManagerTest, AFreshMachineEnrolsStoresEverythingAndLaterOnlyC
 TEST_F(DeviceConfigManagerTest,
        ARefusedEnrolmentReplacesTheMainConfigurationAndKeepsTheInstallKey) {
     // A device key known only from the stored main configuration is lost with it.
-    auto previous = *decodeJSON<MainConfiguration>(
-        R"({"id":1,"jsonrpc":"2.0","result":{"device":"old-key","name":"n","type":"Tarn"}})");
-    settings()->setConfigFile(previous);
+    settings()->setConfigFile(earlierEnrolment());
     set(Key::installKey, DevServer::kInstallKey);
     fault(Mode::Error, DevServer::kRegisterMethod, {.message = "Too many devices"});
     refresh();
@@ -115,8 +111,7 @@ TEST_F(DeviceConfigManagerTest,
 }
 
 TEST_F(DeviceConfigManagerTest, ATransportFailureOrAnUndecodableEnrolmentLeavesTheStoresAlone) {
-    const auto previous = *decodeJSON<MainConfiguration>(
-        R"({"id":1,"jsonrpc":"2.0","result":{"device":"old-key","name":"n","type":"Tarn"}})");
+    const auto previous = earlierEnrolment();
     set(Key::installKey, DevServer::kInstallKey);
     for (const Mode mode : {Mode::Drop, Mode::Undecodable, Mode::EmptyBody}) {
         settings()->setConfigFile(previous);

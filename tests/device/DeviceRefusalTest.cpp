@@ -98,7 +98,7 @@ TEST(DeviceRefusalTest, PolicyFailsAsAWholeOnAnyBadValue) {
     }
 }
 
-TEST(DeviceRefusalTest, EnrolmentAnswerNeedsItsRequiredFields) {
+TEST(DeviceRefusalTest, EnrolmentAnswerRequestsAndPayloadNeedTheirRequiredFields) {
     const Refusal refusals[] = {
         {"empty object", "{}", "$.jsonrpc: required key is missing"},
         {"null jsonrpc", R"({"jsonrpc":null})", "$.jsonrpc: required value is null"},
@@ -109,9 +109,6 @@ TEST(DeviceRefusalTest, EnrolmentAnswerNeedsItsRequiredFields) {
     for (const Refusal& refusal : refusals) {
         expectRefused<MainConfiguration>(refusal);
     }
-}
-
-TEST(DeviceRefusalTest, RequestsAndPayloadNeedTheirRequiredFields) {
     expectRefused<DeviceRequestModel>(
         {"request without device key",
          R"({"jsonrpc":"2.0","method":"device_configure","params":{"device":{}}})",
@@ -156,15 +153,13 @@ TEST(DeviceRefusalTest, EncodingRefusesWhatJSONCannotHold) {
     EXPECT_NE(error.find("keys must ascend"), std::string::npos) << error;
 
     DeviceConfiguration policy;
-    policy.jsonrpc = "2.0\xed\xa0\x80";  // an encoded surrogate is not UTF-8
-    EXPECT_FALSE(encodeJSON(policy, &error));
-    EXPECT_EQ(error, "text is not valid UTF-8");
-    policy.jsonrpc = "\xc0\xaf";  // overlong
-    EXPECT_FALSE(encodeJSON(policy, &error));
-    policy.jsonrpc = "\xf4\x90\x80\x80";  // above U+10FFFF
-    EXPECT_FALSE(encodeJSON(policy, &error));
-    policy.jsonrpc = "\xe2\x82";  // cut short
-    EXPECT_FALSE(encodeJSON(policy, &error));
+    // An encoded surrogate, an overlong form, a code point above U+10FFFF, a form cut short.
+    for (const char* text : {"2.0\xed\xa0\x80", "\xc0\xaf", "\xf4\x90\x80\x80", "\xe2\x82"}) {
+        policy.jsonrpc = text;
+        error.clear();
+        EXPECT_FALSE(encodeJSON(policy, &error));
+        EXPECT_EQ(error, "text is not valid UTF-8");
+    }
 
     policy.jsonrpc.reset();
     policy.error =

@@ -68,6 +68,14 @@ protected:
         return text.find(part) != std::string::npos;
     }
 
+    /// The next request of `method` meets the fault.
+    void fault(DevServer::FaultMode mode, const char* method, DevServer::Fault more = {}) {
+        more.mode = mode;
+        more.method = method;
+        more.count = 1;
+        server_->addFault(more);
+    }
+
     TempHome home_;
     std::shared_ptr<platform::ManualScheduler> scheduler_ =
         std::make_shared<platform::ManualScheduler>();

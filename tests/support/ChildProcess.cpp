@@ -5,9 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 
 extern char** environ;
 
@@ -22,65 +23,59 @@ std::map<std::string, ChildRole>& roles() {
     return registered;
 }
 
-std::string selfPath() {
-    char self[4096];
-    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    return length > 0 ? std::string(self, static_cast<std::size_t>(length)) : std::string();
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+    std::vector<char*> result;
+    for (auto& text : texts) {
+        result.push_back(text.data());
+    }
+    result.push_back(nullptr);
+    return result;
 }
 
-// Spawns the program with the environment merged over ours. With `pipeOut`, standard output
+// Spawns the program with the environment given over ours. With `pipeOut`, standard output
 // and error go into a new pipe whose read end is handed back there.
-pid_t spawn(const std::vector<std::string>& argv,
-            const std::map<std::string, std::string>& environment, int* pipeOut) {
-    std::map<std::string, std::string> merged;
+pid_t spawn(std::vector<std::string> argv, const std::map<std::string, std::string>& environment,
+            int* pipeOut) {
+    std::vector<std::string> envText;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        const char* equals = std::strchr(*entry, '=');
-        if (equals != nullptr) {
-            merged[std::string(*entry, static_cast<std::size_t>(equals - *entry))] = equals + 1;
+        const std::string text = *entry;
+        if (environment.count(text.substr(0, text.find('='))) == 0) {
+            envText.push_back(text);
         }
     }
     for (const auto& [name, value] : environment) {
-        merged[name] = value;
-    }
-    std::vector<std::string> envText;
-    for (const auto& [name, value] : merged) {
         envText.push_back(name + "=" + value);
     }
-    std::vector<char*> envp;
-    for (auto& text : envText) {
-        envp.push_back(text.data());
-    }
-    envp.push_back(nullptr);
-    std::vector<std::string> args = argv;
-    std::vector<char*> argp;
-    for (auto& arg : args) {
-        argp.push_back(arg.data());
-    }
-    argp.push_back(nullptr);
 
     int pipeFds[2] = {-1, -1};
+    if (pipeOut != nullptr && ::pipe2(pipeFds, O_CLOEXEC) != 0) {
+        return -1;
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     if (pipeOut != nullptr) {
-        if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
-            posix_spawn_file_actions_destroy(&actions);
-            return -1;
-        }
         posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
     }
     pid_t pid = -1;
-    const int spawned = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
+    const int spawned = ::posix_spawn(&pid, argv[0].c_str(), &actions, nullptr,
+                                      pointers(argv).data(), pointers(envText).data());
     posix_spawn_file_actions_destroy(&actions);
     if (pipeOut != nullptr) {
         ::close(pipeFds[1]);
-        if (spawned == 0) {
-            *pipeOut = pipeFds[0];
-        } else {
-            ::close(pipeFds[0]);
-        }
+        *pipeOut = pipeFds[0];
     }
     return spawned == 0 ? pid : -1;
+}
+
+std::string selfPath() {
+    return std::filesystem::read_symlink("/proc/self/exe").string();
+}
+
+std::map<std::string, std::string> withRole(const std::string& role,
+                                            std::map<std::string, std::string> environment) {
+    environment[kRoleVariable] = role;
+    return environment;
 }
 
 }  // namespace
@@ -89,21 +84,18 @@ int runProgram(const std::vector<std::string>& argv,
                const std::map<std::string, std::string>& environment, std::string* output) {
     int pipeFd = -1;
     const pid_t pid = spawn(argv, environment, output != nullptr ? &pipeFd : nullptr);
-    if (pid < 0) {
-        return -1;
-    }
     if (pipeFd >= 0) {
         char buffer[4096];
-        ssize_t n;
-        while ((n = ::read(pipeFd, buffer, sizeof buffer)) > 0) {
+        for (ssize_t n; (n = ::read(pipeFd, buffer, sizeof buffer)) > 0;) {
             output->append(buffer, static_cast<std::size_t>(n));
         }
         ::close(pipeFd);
     }
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
+    pid_t waited = -1;
+    while (pid >= 0 && (waited = ::waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return waited == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 bool registerChildRole(const char* name, ChildRole role) {
@@ -126,15 +118,11 @@ std::optional<int> runChildRoleIfAsked() {
 
 int runChild(const std::string& role, const std::map<std::string, std::string>& environment,
              std::string* output) {
-    auto withRole = environment;
-    withRole[kRoleVariable] = role;
-    return runProgram({selfPath()}, withRole, output);
+    return runProgram({selfPath()}, withRole(role, environment), output);
 }
 
 int startChild(const std::string& role, const std::map<std::string, std::string>& environment) {
-    auto withRole = environment;
-    withRole[kRoleVariable] = role;
-    return spawn({selfPath()}, withRole, nullptr);
+    return spawn({selfPath()}, withRole(role, environment), nullptr);
 }
 
 }  // namespace morvane::test

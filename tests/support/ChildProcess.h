@@ -7,29 +7,25 @@
 
 namespace morvane::test {
 
-/// A function that a test executable can run as a second process of its own, instead of its
+/// A function that the test executable runs as a second process of its own instead of its
 /// tests: the way to check what survives the end of a process. Register one at namespace
 /// scope with MORVANE_CHILD_ROLE(name) { ...; return exitStatus; }.
 using ChildRole = int (*)();
 bool registerChildRole(const char* name, ChildRole role);
-/// Called by the test runner's main: runs the role named in $MORVANE_TEST_CHILD_ROLE, if any,
-/// and gives its exit status.
+/// For the test runner's main: the exit status of the role this process was started as.
 std::optional<int> runChildRoleIfAsked();
 
-/// Starts the current test executable as the named child role, with extra environment
-/// variables, waits for it and returns its exit status (-1 when it could not run or died of
-/// a signal).
+/// Runs the test executable as the named role with extra environment, or any program, and
+/// gives its exit status (-1 when it could not run or died of a signal), with standard
+/// output and error collected into `output` when given.
 int runChild(const std::string& role, const std::map<std::string, std::string>& environment,
              std::string* output = nullptr);
-/// Starts the current test executable as the named child role without waiting for it; the
-/// caller reaps it with waitpid. Gives -1 when it could not start.
-int startChild(const std::string& role, const std::map<std::string, std::string>& environment);
-
-/// Runs a program with arguments and extra environment and returns its exit status, with
-/// standard output and error collected into `output` when given.
 int runProgram(const std::vector<std::string>& argv,
                const std::map<std::string, std::string>& environment,
                std::string* output = nullptr);
+/// Starts the role without waiting: the caller reaps the process id with waitpid. Gives -1
+/// when it could not start.
+int startChild(const std::string& role, const std::map<std::string, std::string>& environment);
 
 }  // namespace morvane::test
 

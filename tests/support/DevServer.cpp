@@ -9,7 +9,6 @@
 
 #include <QProcess>
 #include <QStandardPaths>
-#include <QStringList>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -23,110 +22,78 @@ namespace {
 
 constexpr int kStartMilliseconds = 30000;
 constexpr int kStopMilliseconds = 10000;
-constexpr time_t kControlSeconds = 30;
 
-const char* modeName(DevServer::FaultMode mode) {
-    switch (mode) {
-        case DevServer::FaultMode::Error:
-            return "error";
-        case DevServer::FaultMode::Unauthorized:
-            return "unauthorized";
-        case DevServer::FaultMode::EmptyBody:
-            return "empty";
-        case DevServer::FaultMode::Undecodable:
-            return "undecodable";
-        case DevServer::FaultMode::Status500:
-            return "status500";
-        case DevServer::FaultMode::Stall:
-            return "stall";
-        case DevServer::FaultMode::Drop:
-            return "drop";
+// A TCP socket on 127.0.0.1 that closes itself.
+struct LoopbackSocket {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+
+    explicit LoopbackSocket(int port) {
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     }
-    return "unknown";
-}
-
-class Socket {
-public:
-    Socket() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-    ~Socket() {
-        if (fd_ >= 0) {
-            ::close(fd_);
+    LoopbackSocket(const LoopbackSocket&) = delete;
+    LoopbackSocket& operator=(const LoopbackSocket&) = delete;
+    ~LoopbackSocket() {
+        if (fd >= 0) {
+            ::close(fd);
         }
     }
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
+    const sockaddr* where() const { return reinterpret_cast<const sockaddr*>(&address); }
 };
 
-std::runtime_error systemError(const std::string& what) {
+std::runtime_error controlError(const std::string& what) {
     return std::runtime_error("devserver control: " + what + ": " + std::strerror(errno));
 }
 
 // A plain HTTP/1.0 exchange: the server closes the connection after its answer, so the
 // answer is everything read until the end.
 std::string controlExchange(int port, const std::string& request) {
-    Socket socket;
-    if (socket.fd() < 0) {
-        throw systemError("socket");
-    }
+    LoopbackSocket socket(port);
     // A server that stopped answering must fail the test, not hang it.
-    timeval limit{kControlSeconds, 0};
-    ::setsockopt(socket.fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    ::setsockopt(socket.fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        throw systemError("connect to port " + std::to_string(port));
+    const timeval limit{30, 0};
+    ::setsockopt(socket.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(socket.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    if (socket.fd < 0 || ::connect(socket.fd, socket.where(), sizeof socket.address) != 0) {
+        throw controlError("connect to port " + std::to_string(port));
     }
     for (std::size_t sent = 0; sent < request.size();) {
         const ssize_t n =
-            ::send(socket.fd(), request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+            ::send(socket.fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
         if (n < 0 && errno != EINTR) {
-            throw systemError("send");
+            throw controlError("send");
         }
         sent += n > 0 ? static_cast<std::size_t>(n) : 0;
     }
     std::string answer;
     char buffer[65536];
-    for (;;) {
-        const ssize_t n = ::recv(socket.fd(), buffer, sizeof buffer, 0);
-        if (n == 0) {
-            return answer;
-        }
+    for (ssize_t n; (n = ::recv(socket.fd, buffer, sizeof buffer, 0)) != 0;) {
         if (n < 0 && errno != EINTR) {
-            throw systemError("receive");
+            throw controlError("receive");
         }
         answer.append(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
     }
+    return answer;
 }
 
 }  // namespace
 
 nlohmann::json DevServer::Fault::toJson() const {
-    nlohmann::json fault = {{"mode", modeName(mode)}};
-    if (method) {
-        fault["method"] = *method;
-    }
-    if (count) {
-        fault["count"] = *count;
-    }
-    if (code) {
-        fault["code"] = *code;
-    }
-    if (message) {
-        fault["message"] = *message;
-    }
-    if (body) {
-        fault["body"] = *body;
-    }
-    if (status) {
-        fault["status"] = *status;
-    }
+    static constexpr const char* kModes[] = {"error",     "unauthorized", "empty", "undecodable",
+                                             "status500", "stall",        "drop"};
+    nlohmann::json fault = {{"mode", kModes[static_cast<int>(mode)]}};
+    const auto put = [&fault](const char* name, const auto& value) {
+        if (value) {
+            fault[name] = *value;
+        }
+    };
+    put("method", method);
+    put("count", count);
+    put("code", code);
+    put("message", message);
+    put("body", body);
+    put("status", status);
     if (mode == FaultMode::Stall) {
         fault["seconds"] = std::chrono::duration<double>(stall).count();
     }
@@ -147,29 +114,18 @@ DevServer::DevServer(const Options& options) : folder_("morvane-devserver") {
 DevServer::~DevServer() {
     stop();
     if (::testing::Test::HasFailure()) {
-        std::cerr << "--- what tools/devserver said ---\n" << log() << "---\n";
+        std::cerr << "--- what tools/devserver said ---\n"
+                  << readFile(folder_.path() / "devserver.log") << "---\n";
     }
 }
 
 int DevServer::freeShortPort() {
     // Probing from a random start keeps tests that run side by side off each other's ports.
-    std::random_device random;
-    const int first = 2000 + static_cast<int>(random() % 7000);
+    const int first = static_cast<int>(std::random_device()() % 7000);
     for (int offset = 0; offset < 7000; ++offset) {
-        const int port = 2000 + (first - 2000 + offset) % 7000;
-        const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (probe < 0) {
-            break;
-        }
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        const bool free =
-            ::bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        ::close(probe);
-        if (free) {
-            return port;
+        LoopbackSocket probe(2000 + (first + offset) % 7000);
+        if (probe.fd >= 0 && ::bind(probe.fd, probe.where(), sizeof probe.address) == 0) {
+            return ntohs(probe.address.sin_port);
         }
     }
     throw std::runtime_error("devserver: no free port below 10000 on 127.0.0.1");
@@ -181,49 +137,41 @@ void DevServer::start(const Options& options) {
     if (python.isEmpty()) {
         throw std::runtime_error("devserver: python3 is not installed");
     }
-    QStringList arguments{QString::fromStdString(script.string()),
-                          QStringLiteral("--port"),
-                          QString::number(options.port),
-                          QStringLiteral("--watch-stdin"),
-                          QStringLiteral("--work-dir"),
-                          QString::fromStdString(folder_.path().string())};
-    for (const auto& key : options.installKeys) {
-        arguments << QStringLiteral("--install-key") << QString::fromStdString(key);
-    }
+    const auto text = [](const std::string& value) { return QString::fromStdString(value); };
+    QStringList arguments{text(script.string()), "--port",     QString::number(options.port),
+                          "--watch-stdin",       "--work-dir", text(folder_.path().string()),
+                          "--install-key",       kInstallKey};
     for (const auto& key : options.deviceKeys) {
-        arguments << QStringLiteral("--device-key") << QString::fromStdString(key);
+        arguments << "--device-key" << text(key);
     }
     if (options.policy) {
         const auto path = folder_.path() / "policy.json";
         writeFile(path, options.policy->dump());
-        arguments << QStringLiteral("--policy") << QString::fromStdString(path.string());
+        arguments << "--policy" << text(path.string());
     }
     for (const auto& fault : options.faults) {
-        arguments << QStringLiteral("--fault") << QString::fromStdString(fault.toJson().dump());
+        arguments << "--fault" << text(fault.toJson().dump());
     }
 
     process_ = std::make_unique<QProcess>();
-    process_->setProgram(python);
-    process_->setArguments(arguments);
     // A file, not a pipe: nobody reads the log while the test runs, and a full pipe would
     // stop the server in the middle of a request.
-    process_->setStandardErrorFile(
-        QString::fromStdString((folder_.path() / "devserver.log").string()));
-    process_->start();
+    process_->setStandardErrorFile(text((folder_.path() / "devserver.log").string()));
+    process_->start(python, arguments);
     if (!process_->waitForStarted(kStartMilliseconds)) {
         throw std::runtime_error("devserver: cannot start " + script.string() + ": " +
                                  process_->errorString().toStdString());
     }
     while (!process_->canReadLine()) {
         if (!process_->waitForReadyRead(kStartMilliseconds)) {
-            throw std::runtime_error("devserver: did not start listening:\n" + log());
+            throw std::runtime_error("devserver: did not start listening:\n" +
+                                     readFile(folder_.path() / "devserver.log"));
         }
     }
     const std::string line = process_->readLine().trimmed().toStdString();
     std::istringstream fields(line);
-    std::string word, host;
+    std::string word, host, certificate;
     fields >> word >> host >> port_ >> controlPort_;
-    std::string certificate;
     std::getline(fields >> std::ws, certificate);
     if (word != "LISTENING" || !fields.eof() || port_ <= 0 || controlPort_ <= 0 ||
         certificate.empty()) {
@@ -249,14 +197,6 @@ void DevServer::stop() {
     }
 }
 
-std::string DevServer::log() const {
-    return readFile(folder_.path() / "devserver.log");
-}
-
-std::string DevServer::baseUrl() const {
-    return "https://127.0.0.1:" + std::to_string(port_);
-}
-
 std::int64_t DevServer::processId() const {
     return process_ ? process_->processId() : 0;
 }
@@ -264,11 +204,10 @@ std::int64_t DevServer::processId() const {
 nlohmann::json DevServer::control(const std::string& verb, const std::string& path,
                                   const std::optional<nlohmann::json>& body) {
     const std::string payload = body ? body->dump() : std::string();
-    const std::string answer =
-        controlExchange(controlPort_, verb + " " + path +
-                                          " HTTP/1.0\r\nHost: 127.0.0.1\r\n"
-                                          "Content-Type: application/json\r\nContent-Length: " +
-                                          std::to_string(payload.size()) + "\r\n\r\n" + payload);
+    const std::string answer = controlExchange(
+        controlPort_,
+        verb + " " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n" +
+            "Content-Length: " + std::to_string(payload.size()) + "\r\n\r\n" + payload);
     const auto end = answer.find("\r\n\r\n");
     const auto space = answer.find(' ');
     if (end == std::string::npos || space == std::string::npos) {
@@ -286,22 +225,6 @@ nlohmann::json DevServer::control(const std::string& verb, const std::string& pa
     return reply;
 }
 
-void DevServer::addFault(const Fault& fault) {
-    control("POST", "/faults", fault.toJson());
-}
-
-void DevServer::clearFaults() {
-    control("POST", "/faults/clear");
-}
-
-nlohmann::json DevServer::pendingFaults() {
-    return control("GET", "/faults");
-}
-
-nlohmann::json DevServer::requests(int sinceSeq) {
-    return control("GET", "/requests?since=" + std::to_string(sinceSeq));
-}
-
 nlohmann::json DevServer::requestsTo(const std::string& path) {
     auto matching = nlohmann::json::array();
     for (auto& record : requests()) {
@@ -312,22 +235,6 @@ nlohmann::json DevServer::requestsTo(const std::string& path) {
     return matching;
 }
 
-void DevServer::clearRequests() {
-    control("POST", "/requests/clear");
-}
-
-void DevServer::addInstallKey(const std::string& key) {
-    control("POST", "/keys", nlohmann::json{{"install_keys", nlohmann::json::array({key})}});
-}
-
-void DevServer::addDeviceKey(const std::string& key) {
-    control("POST", "/keys", nlohmann::json{{"device_keys", nlohmann::json::array({key})}});
-}
-
-void DevServer::removeDeviceKey(const std::string& key) {
-    control("POST", "/keys/remove", nlohmann::json{{"device_keys", nlohmann::json::array({key})}});
-}
-
 void DevServer::setPolicy(const nlohmann::json& policy,
                           const std::optional<std::string>& deviceKey) {
     nlohmann::json body = {{"policy", policy}};
@@ -335,10 +242,6 @@ void DevServer::setPolicy(const nlohmann::json& policy,
         body["device"] = *deviceKey;
     }
     control("POST", "/policy", body);
-}
-
-nlohmann::json DevServer::account() {
-    return control("GET", "/account");
 }
 
 }  // namespace morvane::test

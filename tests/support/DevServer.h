@@ -15,14 +15,10 @@ class QProcess;
 
 namespace morvane::test {
 
-/// tools/devserver as a child process: HTTPS on a free port of 127.0.0.1 with a certificate
-/// of its own, in a temporary folder, for tests that talk to a real device server. It is
-/// steered through its control port: failures to play, keys, policies, and the requests it
-/// received. The process goes with the object; it also stops by itself when this process
-/// dies, since it watches the end of its standard input.
-///
-/// Calls throw std::runtime_error when the server cannot start or refuses a control request,
-/// so that a mistake in a test fails that test with the server's own explanation.
+/// tools/devserver as a child process: HTTPS on 127.0.0.1 with a certificate of its own,
+/// steered through its control port. It also stops by itself when this process dies, since
+/// it watches the end of its standard input. Calls throw std::runtime_error with the
+/// server's own explanation when it cannot start or refuses a control request.
 class DevServer {
 public:
     static constexpr const char* kInstallKey = "test-install-key";
@@ -42,10 +38,8 @@ public:
     // Every member has an initializer, so that a designated initializer may leave any out.
     struct Fault {
         FaultMode mode = FaultMode::Error;
-        /// kRegisterMethod or kConfigureMethod; both when absent.
-        std::optional<std::string> method{};
-        /// The next `count` matching requests; until clearFaults() when absent.
-        std::optional<int> count{};
+        std::optional<std::string> method{};  // both methods when absent
+        std::optional<int> count{};           // until clearFaults() when absent
         std::optional<std::int64_t> code{};
         std::optional<std::string> message{};
         std::optional<std::string> body{};
@@ -56,14 +50,13 @@ public:
     };
 
     struct Options {
-        std::vector<std::string> installKeys{kInstallKey};
         std::vector<std::string> deviceKeys;
-        /// The policy every new device gets a copy of; the server's own default when absent.
+        /// What every new device gets a copy of; the server's own default when absent.
         std::optional<nlohmann::json> policy;
         /// Pending from the first request on.
         std::vector<Fault> faults;
-        /// The port to listen on; 0 for any free one. The install command accepts ports of
-        /// at most four digits, which the system's free ports seldom are.
+        /// 0 for any free port. The install command accepts ports of at most four digits,
+        /// which the system's free ports seldom are: see freeShortPort().
         int port = 0;
     };
 
@@ -77,42 +70,41 @@ public:
     ~DevServer();
 
     int port() const { return port_; }
-    /// "https://127.0.0.1:<port>".
-    std::string baseUrl() const;
+    std::string baseUrl() const { return "https://127.0.0.1:" + std::to_string(port_); }
     /// The self-signed certificate the server presents, in PEM.
     const std::filesystem::path& certificatePath() const { return certificate_; }
     std::int64_t processId() const;
 
-    void addFault(const Fault& fault);
-    void clearFaults();
-    nlohmann::json pendingFaults();
+    void addFault(const Fault& fault) { control("POST", "/faults", fault.toJson()); }
+    void clearFaults() { control("POST", "/faults/clear"); }
+    nlohmann::json pendingFaults() { return control("GET", "/faults"); }
 
     /// Every request received, oldest first, each an object with "seq", "time", "method",
     /// "path", "headers", "body", "json", "rpc_method" and "fault".
-    nlohmann::json requests(int sinceSeq = 0);
-    /// Those whose path is `path`, such as "/api/device".
+    nlohmann::json requests() { return control("GET", "/requests"); }
     nlohmann::json requestsTo(const std::string& path);
-    void clearRequests();
+    void clearRequests() { control("POST", "/requests/clear"); }
 
-    void addInstallKey(const std::string& key);
-    void addDeviceKey(const std::string& key);
+    void addDeviceKey(const std::string& key) { control("POST", "/keys", deviceKeys(key)); }
     /// A revoked device key makes its next configuration "Unauthorized", as on a real account.
-    void removeDeviceKey(const std::string& key);
+    void removeDeviceKey(const std::string& key) {
+        control("POST", "/keys/remove", deviceKeys(key));
+    }
     /// With a device key, that device's policy exactly as given; without, the template for
     /// devices enrolled later.
     void setPolicy(const nlohmann::json& policy,
                    const std::optional<std::string>& deviceKey = std::nullopt);
     /// Install keys, devices with their policies, and the template.
-    nlohmann::json account();
-
-    /// One request to the control port: "GET" or "POST", a path such as "/faults".
-    nlohmann::json control(const std::string& verb, const std::string& path,
-                           const std::optional<nlohmann::json>& body = std::nullopt);
+    nlohmann::json account() { return control("GET", "/account"); }
 
 private:
     void start(const Options& options);
     void stop();
-    std::string log() const;
+    nlohmann::json control(const std::string& verb, const std::string& path,
+                           const std::optional<nlohmann::json>& body = std::nullopt);
+    static nlohmann::json deviceKeys(const std::string& key) {
+        return {{"device_keys", nlohmann::json::array({key})}};
+    }
 
     // Declared first so that it goes last, after the process that writes into it.
     TempDir folder_;

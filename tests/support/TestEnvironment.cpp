@@ -4,25 +4,10 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <vector>
 
 namespace morvane::test {
 
 namespace fs = std::filesystem;
-
-fs::path sourceDir() {
-    if (const char* dir = std::getenv("MORVANE_SOURCE_DIR"); dir && *dir) {
-        return dir;
-    }
-    return MORVANE_TEST_SOURCE_DIR;
-}
-
-fs::path binaryDir() {
-    if (const char* dir = std::getenv("MORVANE_BINARY_DIR"); dir && *dir) {
-        return dir;
-    }
-    return MORVANE_TEST_BINARY_DIR;
-}
 
 ScopedEnv::~ScopedEnv() {
     for (const auto& [name, value] : saved_) {
@@ -35,11 +20,8 @@ ScopedEnv::~ScopedEnv() {
 }
 
 void ScopedEnv::remember(const std::string& name) {
-    if (saved_.count(name) != 0) {
-        return;
-    }
     const char* old = std::getenv(name.c_str());
-    saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+    saved_.try_emplace(name, old ? std::optional<std::string>(old) : std::nullopt);
 }
 
 void ScopedEnv::set(const std::string& name, const std::string& value) {
@@ -54,12 +36,10 @@ void ScopedEnv::unset(const std::string& name) {
 
 TempDir::TempDir(const std::string& prefix) {
     std::string pattern = (fs::temp_directory_path() / (prefix + "-XXXXXX")).string();
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (::mkdtemp(buffer.data()) == nullptr) {
+    if (::mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed for " + pattern);
     }
-    path_ = buffer.data();
+    path_ = pattern;
 }
 
 TempDir::~TempDir() {
@@ -68,14 +48,14 @@ TempDir::~TempDir() {
 }
 
 TempHome::TempHome() : dir_("morvane-home") {
-    for (const auto& folder : {home(), configHome(), dataHome(), cacheHome(), sysroot()}) {
+    for (const auto& [name, folder] : {std::pair{"HOME", home()},
+                                       {"XDG_CONFIG_HOME", configHome()},
+                                       {"XDG_DATA_HOME", dataHome()},
+                                       {"XDG_CACHE_HOME", cacheHome()},
+                                       {"MORVANECLOUD_SYSROOT", sysroot()}}) {
         fs::create_directories(folder);
+        env_.set(name, folder.string());
     }
-    env_.set("HOME", home().string());
-    env_.set("XDG_CONFIG_HOME", configHome().string());
-    env_.set("XDG_DATA_HOME", dataHome().string());
-    env_.set("XDG_CACHE_HOME", cacheHome().string());
-    env_.set("MORVANECLOUD_SYSROOT", sysroot().string());
     // A test runs as the agent unless it says otherwise: these two mark a command-line run.
     env_.unset("PWD");
     env_.unset("SUDO_COMMAND");

@@ -7,9 +7,13 @@
 
 namespace morvane::test {
 
-/// The project's source and build folders, for tests that run tools or read fixtures.
-std::filesystem::path sourceDir();
-std::filesystem::path binaryDir();
+/// The project's source and build folders, for tests that run tools or programs.
+inline std::filesystem::path sourceDir() {
+    return MORVANE_TEST_SOURCE_DIR;
+}
+inline std::filesystem::path binaryDir() {
+    return MORVANE_TEST_BINARY_DIR;
+}
 
 /// Sets environment variables for the life of the object and puts the old values back.
 class ScopedEnv {
@@ -61,9 +65,9 @@ private:
     ScopedEnv env_;
 };
 
-/// Reads a whole file; empty when it cannot be read.
+/// A whole file; empty when it cannot be read.
 std::string readFile(const std::filesystem::path& path);
-/// Writes a whole file, creating parent folders.
+/// Creates the parent folders too.
 void writeFile(const std::filesystem::path& path, const std::string& content);
 
 }  // namespace morvane::test
