@@ -94,6 +94,7 @@ int main(int argc, char** argv) {
     });
     morvane::platform::MainQueue::async([&delegate] { delegate.start(); });
     const int status = app->exec();
+    morvane::platform::MainQueue::close();
     std::fflush(stdout);
     return status;
 }

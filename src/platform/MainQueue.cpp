@@ -50,4 +50,8 @@ bool MainQueue::isCurrent() {
     return scheduler()->isMainThread();
 }
 
+void MainQueue::close() {
+    scheduler()->close();
+}
+
 }  // namespace morvane::platform

@@ -18,6 +18,10 @@ public:
     static Clock::time_point now();
     /// True when the caller runs on the main queue's thread.
     static bool isCurrent();
+    /// Drops every block posted from now on. The program calls it when its loop has ended,
+    /// before the application object goes: a worker finishing a request late must not post
+    /// into an application that no longer exists.
+    static void close();
 
     static std::shared_ptr<Scheduler> scheduler();
     /// Installs a scheduler; passing nullptr goes back to the Qt event loop.

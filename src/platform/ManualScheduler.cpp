@@ -7,12 +7,22 @@ ManualScheduler::ManualScheduler()
 
 void ManualScheduler::post(Task task) {
     std::lock_guard lock(mutex_);
-    ready_.push_back(std::move(task));
+    if (!closed_) {
+        ready_.push_back(std::move(task));
+    }
 }
 
 void ManualScheduler::postAfter(Clock::duration delay, Task task) {
     std::lock_guard lock(mutex_);
+    if (closed_) {
+        return;
+    }
     delayed_.emplace(std::make_pair(now_ + delay, sequence_++), std::move(task));
+}
+
+void ManualScheduler::close() {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
 }
 
 Clock::time_point ManualScheduler::now() const {

@@ -23,6 +23,7 @@ public:
     void postAfter(Clock::duration delay, Task task) override;
     Clock::time_point now() const override;
     bool isMainThread() const override;
+    void close() override;
 
     /// Runs every posted block, including blocks posted while running, until none is left.
     /// Returns how many ran.
@@ -43,6 +44,7 @@ private:
     std::map<std::pair<Clock::time_point, std::uint64_t>, Task> delayed_;
     std::uint64_t sequence_ = 0;
     Clock::time_point now_;
+    bool closed_ = false;
     const std::thread::id mainThread_;
 };
 

@@ -14,7 +14,7 @@ QCoreApplication& application() {
     auto* app = QCoreApplication::instance();
     if (app == nullptr) {
         // A block posted with no event loop to run it would be lost without a trace.
-        std::fputs("MainQueue: a block was posted before the application's event loop exists\n",
+        std::fputs("MainQueue: a block was posted while no application event loop exists\n",
                    stderr);
         std::abort();
     }
@@ -24,6 +24,10 @@ QCoreApplication& application() {
 }  // namespace
 
 void QtScheduler::post(Task task) {
+    std::shared_lock lock(gate_);
+    if (closed_) {
+        return;
+    }
     QMetaObject::invokeMethod(&application(), std::move(task), Qt::QueuedConnection);
 }
 
@@ -40,6 +44,11 @@ void QtScheduler::postAfter(Clock::duration delay, Task task) {
 
 Clock::time_point QtScheduler::now() const {
     return Clock::now();
+}
+
+void QtScheduler::close() {
+    std::unique_lock lock(gate_);
+    closed_ = true;
 }
 
 bool QtScheduler::isMainThread() const {

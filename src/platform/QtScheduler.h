@@ -1,5 +1,7 @@
 #pragma once
 
+#include <shared_mutex>
+
 #include "platform/Scheduler.h"
 
 namespace morvane::platform {
@@ -13,6 +15,13 @@ public:
     void postAfter(Clock::duration delay, Task task) override;
     Clock::time_point now() const override;
     bool isMainThread() const override;
+    void close() override;
+
+private:
+    // Posts hold it shared while they hand a task to Qt, so once close() has it exclusively no
+    // post can still reach an application that is being destroyed.
+    std::shared_mutex gate_;
+    bool closed_ = false;
 };
 
 }  // namespace morvane::platform

@@ -24,6 +24,9 @@ public:
     virtual Clock::time_point now() const = 0;
     /// True on the thread that runs the posted tasks.
     virtual bool isMainThread() const = 0;
+    /// Takes no more tasks: later posts are dropped. For the end of the program, when worker
+    /// threads may still finish a request after the loop that would run their reply is gone.
+    virtual void close() = 0;
 };
 
 }  // namespace morvane::platform

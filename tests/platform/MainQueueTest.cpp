@@ -4,6 +4,7 @@
 #include <QElapsedTimer>
 #include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "platform/MainQueue.h"
 #include "platform/ManualScheduler.h"
 #include "platform/NotificationCenter.h"
+#include "support/ChildProcess.h"
 #include "support/MainLoop.h"
 
 namespace morvane::platform {
@@ -49,6 +51,38 @@ TEST(MainQueueTest, BlocksFromSeveralThreadsRunOnTheMainThreadInPerProducerOrder
             ASSERT_EQ(received[p][i], i) << "producer " << p;
         }
     }
+}
+
+// A worker keeps posting, as one that finishes a request late would, while the program's loop
+// ends and its application object goes.
+MORVANE_CHILD_ROLE(postsWhileTheApplicationGoes) {
+    int argc = 1;
+    char name[] = "child";
+    char* argv[] = {name, nullptr};
+    auto app = std::make_unique<QCoreApplication>(argc, argv);
+    std::atomic<bool> stop{false};
+    std::atomic<int> posted{0};
+    std::thread worker([&] {
+        while (!stop) {
+            MainQueue::async([] {});
+            ++posted;
+        }
+    });
+    while (posted < 1000) {
+        QCoreApplication::processEvents();
+    }
+    MainQueue::close();
+    app.reset();
+    for (const int before = posted; posted < before + 1000;) {
+    }
+    stop = true;
+    worker.join();
+    return 0;
+}
+
+TEST(MainQueueTest, BlocksPostedAfterTheLoopHasEndedAreDroppedNotFatal) {
+    std::string output;
+    EXPECT_EQ(test::runChild("postsWhileTheApplicationGoes", {}, &output), 0) << output;
 }
 
 TEST(MainQueueTest, AfterRunsLaterOnTheQtLoopAndInDueOrder) {
