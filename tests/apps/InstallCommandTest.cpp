@@ -146,17 +146,17 @@ TEST_F(InstallCommandTest, AsRootTheValuesGoToTheHandOverFileAndTheAgentEnrolsWi
 
     startAgent();
     // The agent looks at the hand-over file every 10 seconds; the limit only guards a hang.
+    // The policy is written before config.json, so both are awaited.
+    std::optional<MainConfiguration> config;
     ASSERT_TRUE(test::runMainLoopUntil(
         [&] {
             const auto policy = storedPolicy();
-            return policy && policy->result;
+            config = decodeJSON<MainConfiguration>(test::readFile(userSupport() / "config.json"));
+            return policy && policy->result && config && config->result;
         },
         90s));
     EXPECT_EQ(server_->requestsTo("/api/register").size(), 1u);
     EXPECT_GE(server_->requestsTo("/api/device").size(), 1u);
-    const auto config =
-        decodeJSON<MainConfiguration>(test::readFile(userSupport() / "config.json"));
-    ASSERT_TRUE(config && config->result);
     EXPECT_FALSE(config->result->device.empty());
     // The new policy, written over the watched file, reaches the change loop as an edit.
     ASSERT_TRUE(test::runMainLoopUntil([&] {
