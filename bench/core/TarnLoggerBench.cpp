@@ -16,6 +16,7 @@
 
 #include "core/TarnLogger.h"
 #include "logging/LogCenter.h"
+#include "support/CallerCost.h"
 
 namespace {
 
@@ -52,19 +53,9 @@ void TarnLoggerCallerCost(benchmark::State& state) {
     logger->log("start", LogLevel::production);
     QCoreApplication::processEvents();
     morvane::logging::LogCenter::removeAllDestinations();
-    double total = 0;
-    for (auto _ : state) {
-        const auto start = std::chrono::steady_clock::now();
-        for (int i = 0; i < kBatch; ++i) {
-            logger->log(kMessage, LogLevel::warning);  // the whole path, written nowhere
-        }
-        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(spent.count());
-        total += spent.count();
-        QCoreApplication::processEvents();
-    }
-    tarnNanoseconds = total * 1e9 / (static_cast<double>(state.iterations()) * kBatch);
-    state.counters["ns/call"] = tarnNanoseconds;
+    tarnNanoseconds = morvane::bench::callerNanoseconds(
+        state, kBatch, [&] { logger->log(kMessage, LogLevel::warning); },  // written nowhere
+        [] { QCoreApplication::processEvents(); });
 }
 
 void SpdlogAsyncCallerCost(benchmark::State& state) {
@@ -74,21 +65,13 @@ void SpdlogAsyncCallerCost(benchmark::State& state) {
     auto logger = std::make_shared<spdlog::async_logger>("async", sink, pool,
                                                          spdlog::async_overflow_policy::block);
     logger->set_level(spdlog::level::trace);
-    double total = 0;
-    for (auto _ : state) {
-        const auto start = std::chrono::steady_clock::now();
-        for (int i = 0; i < kBatch; ++i) {
-            logger->trace(kMessage);
-        }
-        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(spent.count());
-        total += spent.count();
-        while (pool->queue_size() > 0) {
-            std::this_thread::yield();
-        }
-    }
-    spdlogNanoseconds = total * 1e9 / (static_cast<double>(state.iterations()) * kBatch);
-    state.counters["ns/call"] = spdlogNanoseconds;
+    spdlogNanoseconds = morvane::bench::callerNanoseconds(
+        state, kBatch, [&] { logger->trace(kMessage); },
+        [&] {
+            while (pool->queue_size() > 0) {
+                std::this_thread::yield();
+            }
+        });
 }
 
 BENCHMARK(TarnLoggerCallerCost)->UseManualTime()->MinTime(1.0);

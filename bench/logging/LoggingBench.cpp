@@ -21,6 +21,7 @@
 #include "logging/FileDestination.h"
 #include "logging/LogCenter.h"
 #include "platform/DispatchQueue.h"
+#include "support/CallerCost.h"
 
 namespace {
 
@@ -155,27 +156,12 @@ void RenderLine(benchmark::State& state) {
     }
 }
 
-void setCallerNanoseconds(benchmark::State& state, double totalSeconds) {
-    state.counters["ns/call"] =
-        benchmark::Counter(totalSeconds * 1e9 / (static_cast<double>(state.iterations()) * kBatch));
-}
-
-// Only the calls are timed; the destination drains between batches, untimed, so the queue
-// never grows without bound and the caller never waits for the disk.
+// The destination drains between batches, untimed.
 void FileDestinationCallerCost(benchmark::State& state) {
     auto destination = installFileDestination(freshFile("caller.log"));
-    double total = 0;
-    for (auto _ : state) {
-        const auto start = std::chrono::steady_clock::now();
-        for (int i = 0; i < kBatch; ++i) {
-            LogCenter::verbose(kMessage, __FILE__, "log(_:level:)", __LINE__);
-        }
-        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(spent.count());
-        total += spent.count();
-        destination->queue()->waitUntilIdle();
-    }
-    setCallerNanoseconds(state, total);
+    morvane::bench::callerNanoseconds(
+        state, kBatch, [] { LogCenter::verbose(kMessage, __FILE__, "log(_:level:)", __LINE__); },
+        [&] { destination->queue()->waitUntilIdle(); });
     LogCenter::removeAllDestinations();
 }
 
@@ -189,20 +175,13 @@ void SpdlogAsyncCallerCost(benchmark::State& state) {
     logger->set_pattern(kSpdlogPattern);
     logger->set_level(spdlog::level::trace);
     logger->flush_on(spdlog::level::trace);
-    double total = 0;
-    for (auto _ : state) {
-        const auto start = std::chrono::steady_clock::now();
-        for (int i = 0; i < kBatch; ++i) {
-            logger->trace(kMessage);
-        }
-        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(spent.count());
-        total += spent.count();
-        while (pool->queue_size() > 0) {
-            std::this_thread::yield();
-        }
-    }
-    setCallerNanoseconds(state, total);
+    morvane::bench::callerNanoseconds(
+        state, kBatch, [&] { logger->trace(kMessage); },
+        [&] {
+            while (pool->queue_size() > 0) {
+                std::this_thread::yield();
+            }
+        });
 }
 
 // The machine is shared: each figure is the median of a few repetitions.
