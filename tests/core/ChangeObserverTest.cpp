@@ -91,75 +91,61 @@ protected:
     test::TempHome home_;
 };
 
-TEST_F(ChangeObserverTest, PollsAfterTenSecondsThenClimbsTheLadderAndStaysAtTheTop) {
+TEST_F(ChangeObserverTest, PollsClimbTheLadderAndConnectedOrWillSleepStartItOver) {
     observer()->startObserving();
     scheduler_->advance(400s);
     EXPECT_EQ(pollTimes(), (std::vector<double>{10, 25, 55, 95, 155, 215, 275, 335, 395}));
+    ASSERT_EQ(observer()->timerVariance.index, 4u);  // the top rung holds
+    post(ChangeType::didAwake);
     EXPECT_EQ(observer()->timerVariance.index, 4u);
-}
-
-TEST_F(ChangeObserverTest, ConnectedResetsTheLadderWithoutMovingThePendingTick) {
-    observer()->startObserving();
-    scheduler_->advance(30s);  // ticks at 10 and 25; the next one is due at 55
-    ASSERT_EQ(observer()->timerVariance.index, 2u);
     post(ChangeType::connected);
     EXPECT_EQ(observer()->timerVariance.index, 0u);
-    scheduler_->advance(100s);
+    scheduler_->advance(105s);
     // The pending tick keeps its time, then the ladder starts over at its second rung.
-    EXPECT_EQ(pollTimes(), (std::vector<double>{10, 25, 55, 70, 100}));
-}
-
-TEST_F(ChangeObserverTest, WillSleepResetsTheLadderAndDidAwakeDoesNot) {
-    observer()->startObserving();
-    scheduler_->advance(30s);
-    post(ChangeType::didAwake);
-    EXPECT_EQ(observer()->timerVariance.index, 2u);
+    EXPECT_EQ(pollTimes(),
+              (std::vector<double>{10, 25, 55, 95, 155, 215, 275, 335, 395, 455, 470, 500}));
+    ASSERT_EQ(observer()->timerVariance.index, 3u);
     post(ChangeType::willSleep);
     EXPECT_EQ(observer()->timerVariance.index, 0u);
 }
 
-TEST_F(ChangeObserverTest, EveryEventWalksTheStepsInOrder) {
+TEST_F(ChangeObserverTest, EveryEventWalksTheStepsInOrderAndIsLogged) {
     auto watched = observer();
     watched->startObserving();
-    scheduler_->advance(30s);
+    testing::internal::CaptureStdout();
+    scheduler_->advance(10s);
     watched->steps.clear();
     watched->current = ChangeType::connected;
     post(ChangeType::connected);
-    ASSERT_EQ(watched->steps.size(), 4u);
-    EXPECT_EQ(watched->steps[0].name, "userAcceptedExtension");
-    EXPECT_EQ(watched->steps[0].ladderIndex, 2u);  // the timer is reset after this step
-    EXPECT_EQ(watched->steps[1].name, "reloadConfigIfNeeded");
-    EXPECT_EQ(watched->steps[1].ladderIndex, 0u);
-    EXPECT_EQ(watched->steps[2].name, "showChangeNotification");
-    EXPECT_EQ(watched->steps[3].name, "handleOnChange(accepted)");
-    for (const auto& step : watched->steps) {
-        EXPECT_EQ(step.changeType, ChangeType::connected);
-    }
-}
-
-TEST_F(ChangeObserverTest, LogsEachEventWithItsTexts) {
-    observer()->startObserving();
-    testing::internal::CaptureStdout();
-    scheduler_->advance(10s);
-    post(ChangeType::connected);
     scheduler_->runPending();
     const std::string output = testing::internal::GetCapturedStdout();
-    const std::string stamp = TarnLogger::versionStamp();
-    const std::vector<std::string> expected = {
-        "verbose " + stamp + "Firing polling interval after 10.0",
-        "verbose " + stamp + "received change of type pollingInterval",
-        "verbose " + stamp + "next poll in 15.0 seconds",
-        "verbose " + stamp + "received change of type connected",
-        "verbose " + stamp + "resetting timer becasue of change connected",
-    };
+    std::vector<std::pair<std::string, std::size_t>> seen;
+    for (const auto& step : watched->steps) {
+        seen.emplace_back(step.name, step.ladderIndex);
+        EXPECT_EQ(step.changeType, ChangeType::connected) << step.name;
+    }
+    // The ladder is reset right after the first step.
+    EXPECT_EQ(seen,
+              (std::vector<std::pair<std::string, std::size_t>>{{"userAcceptedExtension", 1},
+                                                                {"reloadConfigIfNeeded", 0},
+                                                                {"showChangeNotification", 0},
+                                                                {"handleOnChange(accepted)", 0}}));
+
+    std::vector<std::string> logged;
     std::istringstream lines(output);
-    std::vector<std::string> seen;
     for (std::string line; std::getline(lines, line);) {
         if (line.starts_with("verbose ")) {
-            seen.push_back(line);
+            logged.push_back(line.substr(8));
         }
     }
-    EXPECT_EQ(seen, expected);
+    const std::string stamp = TarnLogger::versionStamp();
+    EXPECT_EQ(logged, (std::vector<std::string>{
+                          stamp + "Firing polling interval after 10.0",
+                          stamp + "received change of type pollingInterval",
+                          stamp + "next poll in 15.0 seconds",
+                          stamp + "received change of type connected",
+                          stamp + "resetting timer becasue of change connected",
+                      }));
 }
 
 TEST_F(ChangeObserverTest, SubscribesToEveryEventButThePollingTickAndCanBeCancelled) {

@@ -16,7 +16,7 @@ struct Counter {
 };
 
 struct Other {
-    int value = 3;
+    int value = 0;
 };
 
 // A service whose constructor reads another service, as the change observer does.
@@ -28,27 +28,33 @@ struct Needy {
 
 struct Unregistered {};
 
+Service otherWith(int value) {
+    return Service::make<Other>(Service::LifeCycle::global, [value](Dependencies&) {
+        auto other = std::make_shared<Other>();
+        other->value = value;
+        return other;
+    });
+}
+
 class DependenciesTest : public ::testing::Test {
 protected:
     void SetUp() override { Counter::made = 0; }
     void TearDown() override { Dependencies::build(std::vector<Service>{}); }
 };
 
-TEST_F(DependenciesTest, TwoHoldersOfAGlobalServiceShareOneInstance) {
+TEST_F(DependenciesTest, AGlobalServiceIsSharedAndAOneOfServiceMadeOnEveryResolution) {
     Dependencies::build({Service::global<Counter>()});
     Injected<Counter> first;
     Injected<Counter> second;
     EXPECT_EQ(second.get(), first.get());
     EXPECT_EQ(Dependencies::shared()->resolve<Counter>(), first.get());
     EXPECT_EQ(Counter::made, 1);
-}
 
-TEST_F(DependenciesTest, OneOfMakesANewInstanceOnEveryResolution) {
+    Counter::made = 0;
     Dependencies::build(Service::make<Counter>(
         Service::LifeCycle::oneOf, [](Dependencies&) { return std::make_shared<Counter>(); }));
-    auto a = Dependencies::shared()->resolve<Counter>();
-    auto b = Dependencies::shared()->resolve<Counter>();
-    EXPECT_NE(a, b);
+    EXPECT_NE(Dependencies::shared()->resolve<Counter>(),
+              Dependencies::shared()->resolve<Counter>());
     EXPECT_EQ(Counter::made, 2);
     // Each member still keeps what it got first.
     Injected<Counter> member;
@@ -57,11 +63,7 @@ TEST_F(DependenciesTest, OneOfMakesANewInstanceOnEveryResolution) {
 
 TEST_F(DependenciesTest, AMemberMadeBeforeTheTableResolvesThroughTheTableBuiltLater) {
     Injected<Other> early;
-    Dependencies::build({Service::make<Other>(Service::LifeCycle::global, [](Dependencies&) {
-        auto other = std::make_shared<Other>();
-        other->value = 42;
-        return other;
-    })});
+    Dependencies::build({otherWith(42)});
     EXPECT_EQ(early->value, 42);
 }
 
@@ -73,14 +75,7 @@ TEST_F(DependenciesTest, FactoriesMayResolveOtherServicesWhileTheyRun) {
 }
 
 TEST_F(DependenciesTest, TheLaterOfTwoRowsForOneTypeWins) {
-    auto make = [](int value) {
-        return Service::make<Other>(Service::LifeCycle::global, [value](Dependencies&) {
-            auto other = std::make_shared<Other>();
-            other->value = value;
-            return other;
-        });
-    };
-    Dependencies::build({make(1), make(2)});
+    Dependencies::build({otherWith(1), otherWith(2)});
     EXPECT_EQ(Dependencies::shared()->size(), 1u);
     EXPECT_EQ(Dependencies::shared()->resolve<Other>()->value, 2);
 }
@@ -113,19 +108,12 @@ TEST_F(DependenciesTest, ConcurrentFirstResolutionGivesOneInstance) {
 
 using DependenciesDeathTest = DependenciesTest;
 
-TEST_F(DependenciesDeathTest, ReadingAMemberOfATypeWithNoRowStopsTheProcess) {
+TEST_F(DependenciesDeathTest, ResolvingWhatHasNoRowOrNoCallbackStopsTheProcess) {
+    EXPECT_DEATH(Dependencies::shared()->resolve<Counter>(), "Fatal error");  // empty container
     Dependencies::build({Service::global<Counter>()});
     Injected<Unregistered> declaredOnly;  // merely declaring it is harmless
     EXPECT_FALSE(declaredOnly.isResolved());
     EXPECT_DEATH(declaredOnly.get(), "MorvaneCloud/Dependencies: Fatal error");
-}
-
-TEST_F(DependenciesDeathTest, AnEmptyContainerStopsTheProcess) {
-    EXPECT_DEATH(Dependencies::shared()->resolve<Counter>(), "Fatal error");
-}
-
-TEST_F(DependenciesDeathTest, AReferenceWithNoCallbackStopsTheProcess) {
-    Dependencies::build({Service::global<Counter>()});
     Injected<Counter> broken{Injected<Counter>::Delayed{}};
     EXPECT_DEATH(broken.get(), "MorvaneCloud/Dependencies: Fatal error");
 }

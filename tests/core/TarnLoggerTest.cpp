@@ -50,32 +50,26 @@ protected:
     std::shared_ptr<TarnLogger> logger_ = std::make_shared<TarnLogger>();
 };
 
-TEST_F(TarnLoggerTest, AProductionLineGoesToStandardOutputAndTheFileStamped) {
+TEST_F(TarnLoggerTest, EachLevelReachesItsOutputsStampedAndWarningsGoNowhere) {
     testing::internal::CaptureStdout();
     logger_->log("started", LogLevel::production);
-    EXPECT_FALSE(logger_->hasSetup);  // nothing happens on the caller's thread
-    const auto lines = fileLines(1);
-    const std::string output = testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(logger_->hasSetup);
-    const std::string stamped = TarnLogger::versionStamp() + "started";
-    EXPECT_NE(output.find("verbose " + stamped + "\n"), std::string::npos);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(std::regex_match(
-        lines[0], std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} VERBOSE: )" +
-                             std::regex_replace(stamped, std::regex(R"([().])"), R"(\$&)"))))
-        << lines[0];
-}
-
-TEST_F(TarnLoggerTest, DiagnoseLinesSayDebugAndWarningsGoNowhere) {
-    testing::internal::CaptureStdout();
     logger_->log("quiet", LogLevel::warning);
     logger_->log("deep", LogLevel::diagnose);
-    const auto lines = fileLines(1);
+    EXPECT_FALSE(logger_->hasSetup);  // nothing happens on the caller's thread
+    const auto lines = fileLines(2);
     const std::string output = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(logger_->hasSetup);
+    const std::string stamp = TarnLogger::versionStamp();
+    EXPECT_NE(output.find("verbose " + stamp + "started\n"), std::string::npos);
+    EXPECT_NE(output.find("diagnose " + stamp + "deep\n"), std::string::npos);
     EXPECT_EQ(output.find("quiet"), std::string::npos);
-    EXPECT_NE(output.find("diagnose " + TarnLogger::versionStamp() + "deep\n"), std::string::npos);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find(" DEBUG: " + TarnLogger::versionStamp() + "deep"), std::string::npos);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(std::regex_match(
+        lines[0],
+        std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} VERBOSE: )" +
+                   std::regex_replace(stamp + "started", std::regex(R"([().])"), R"(\$&)"))))
+        << lines[0];
+    EXPECT_NE(lines[1].find(" DEBUG: " + stamp + "deep"), std::string::npos);
 }
 
 TEST_F(TarnLoggerTest, LinesOfOneThreadKeepTheirOrderInBothOutputs) {

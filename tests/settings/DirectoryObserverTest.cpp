@@ -103,10 +103,7 @@ TEST_F(DirectoryObserverTest, EditsAndAReplacementOfAWatchedFileBecomeEvents) {
     const auto device = *Utils::deviceFileURL();
     observer_->watch(device);  // created empty: an event now carries no policy
     ASSERT_TRUE(fs::exists(device));
-    {
-        std::ofstream out(device, std::ios::app);
-        out << "not a policy";
-    }
+    std::ofstream(device, std::ios::app) << "not a policy";
     ASSERT_TRUE(test::runMainLoopUntil([&] { return !events_.empty(); }));
     EXPECT_FALSE(events_.back());
 
@@ -124,20 +121,14 @@ TEST_F(DirectoryObserverTest, RootsCopyIsCopiedIntoTheUsersFolderWithoutOverwrit
     fs::create_directories(rootDevice.parent_path());
     setup.watchRootFiles();
     ASSERT_TRUE(fs::exists(rootDevice));
-    {
-        std::ofstream out(rootDevice, std::ios::trunc);
-        out << kPolicy;
-    }
+    test::writeFile(rootDevice, kPolicy);  // in place, as an edit would
     ASSERT_TRUE(test::runMainLoopUntil([&] { return !events_.empty(); }));
     EXPECT_EQ(test::readFile(*Utils::deviceFileURL()), kPolicy);
     EXPECT_TRUE(events_.back());
 
     // The user's copy exists now: a later change of root's copy does not replace it.
     const std::size_t before = events_.size();
-    {
-        std::ofstream out(rootDevice, std::ios::app);
-        out << " ";
-    }
+    std::ofstream(rootDevice, std::ios::app) << " ";
     ASSERT_TRUE(test::runMainLoopUntil([&] { return events_.size() > before; }));
     EXPECT_EQ(test::readFile(*Utils::deviceFileURL()), kPolicy);
 }

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
+
 #include "settings/KeyValueText.h"
 
 namespace morvane {
@@ -43,28 +46,13 @@ TEST(KeyValueTextTest, WhatIsWrittenReadsBack) {
 }
 
 TEST(MorvaneServerInfoSectionTest, TwentyTwoKeysRoundTripInOrder) {
-    const std::vector<std::string_view> keys = {"RPC_URL",
-                                                "RESET",
-                                                "STOP",
-                                                "SHOW_TEST_MENU",
-                                                "INSTALL_KEY",
-                                                "LOCATION_NAME",
-                                                "DEVICE_NAME_PREFIX",
-                                                "EXTERNAL_IP",
-                                                "DEVICE_KEY",
-                                                "identifier",
-                                                "ALLOW_WEAK_KEY",
-                                                "DOWNLOAD_CERT",
-                                                "DEVICE_NAME",
-                                                "CUSTOMER_EMAIL",
-                                                "CUSTOMER_PASSWORD",
-                                                "RPC_PORT",
-                                                "TRAY_TYPE",
-                                                "IGNORE_VPNS",
-                                                "userName",
-                                                "userID",
-                                                "TEST_DEVICE_CONFIG_PATH",
-                                                "TEST_DEVICE_CONFIG"};
+    std::istringstream texts(
+        "RPC_URL RESET STOP SHOW_TEST_MENU INSTALL_KEY LOCATION_NAME DEVICE_NAME_PREFIX "
+        "EXTERNAL_IP "
+        "DEVICE_KEY identifier ALLOW_WEAK_KEY DOWNLOAD_CERT DEVICE_NAME CUSTOMER_EMAIL "
+        "CUSTOMER_PASSWORD RPC_PORT TRAY_TYPE IGNORE_VPNS userName userID TEST_DEVICE_CONFIG_PATH "
+        "TEST_DEVICE_CONFIG");
+    const std::vector<std::string> keys{std::istream_iterator<std::string>(texts), {}};
     ASSERT_EQ(server_info::allCases.size(), keys.size());
     for (std::size_t i = 0; i < keys.size(); ++i) {
         EXPECT_EQ(rawValue(server_info::allCases[i]), keys[i]);

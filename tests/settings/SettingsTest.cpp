@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <thread>
 
 #include "core/DepenencyInjection.h"
@@ -29,13 +30,41 @@ constexpr const char* kDeviceConfiguration =
 /// Each test runs in a fresh home with a fresh container, as a fresh agent would.
 class SettingsTest : public ::testing::Test {
 protected:
-    void SetUp() override { Dependencies::build(DepenencyInjection::serviceTable()); }
+    void SetUp() override {
+        Dependencies::build(DepenencyInjection::serviceTable());
+        forgetStoredValues();
+    }
     void TearDown() override {
         scheduler_->runPending();
+        forgetStoredValues();
         Dependencies::build(std::vector<Service>{});
     }
 
+    // The standard defaults outlive a test: when the suites share one process, values of
+    // earlier tests would otherwise leak into later ones.
+    void forgetStoredValues() {
+        for (const Key key : server_info::allCases) {
+            settings_.userDefaults->removeObjectForKey(std::string(rawValue(key)));
+        }
+    }
+
     fs::path supportFolder() const { return home_.dataHome() / "MorvaneCloud"; }
+
+    /// Reloads both documents; gives what was said meanwhile.
+    std::string reload() {
+        testing::internal::CaptureStdout();
+        settings_.reloadConfiguration();
+        scheduler_->runPending();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    std::string importInstallerFiles() {
+        FileSetup setup;
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(setup.importInstallerConfiguration());
+        scheduler_->runPending();
+        return testing::internal::GetCapturedStdout();
+    }
 
     test::TempHome home_;
     std::shared_ptr<platform::ManualScheduler> scheduler_ =
@@ -66,12 +95,9 @@ TEST_F(SettingsTest, ADeviceKeyGoesIntoTheEnrolmentAnswerWhileOneIsInMemory) {
     settings_.setValue("stored-key", Key::deviceKey);
     EXPECT_EQ(settings_.userDefaults->stringForKey("DEVICE_KEY"), "stored-key");
     EXPECT_EQ(settings_.saveDictionary().at("DEVICE_KEY"), "stored-key");
-    settings_.userDefaults->removeObjectForKey("DEVICE_KEY");
 }
 
 TEST_F(SettingsTest, GetValuePrefersTheDefaultsThenFallsBackToTheEnrolmentAnswer) {
-    settings_.userDefaults->removeObjectForKey("DEVICE_KEY");
-    settings_.userDefaults->removeObjectForKey("identifier");
     EXPECT_EQ(settings_.getValue(Key::identifier), "0");
     EXPECT_FALSE(settings_.getValue(Key::deviceKey).has_value());
 
@@ -93,12 +119,9 @@ TEST_F(SettingsTest, UserNameNeverEntersTheHandOverValues) {
     EXPECT_EQ(settings_.saveDictionary(),
               (std::map<std::string, std::string>{{"RPC_URL", "https://rpc.example.net"}}));
     EXPECT_EQ(settings_.getValue(Key::userName), "Alice Example");
-    settings_.userDefaults->removeObjectForKey("userName");
-    settings_.userDefaults->removeObjectForKey("RPC_URL");
 }
 
 TEST_F(SettingsTest, TrayTypeIsOneForAnythingButAnUnsignedNumber) {
-    settings_.userDefaults->removeObjectForKey("TRAY_TYPE");
     EXPECT_EQ(settings_.trayType(), 1u);
     settings_.userDefaults->registerDefaults({{"TRAY_TYPE", std::string("2")}});
     EXPECT_EQ(settings_.trayType(), 2u);
@@ -109,29 +132,22 @@ TEST_F(SettingsTest, TrayTypeIsOneForAnythingButAnUnsignedNumber) {
         settings_.userDefaults->setValue(text, "TRAY_TYPE");
         EXPECT_EQ(settings_.trayType(), expected) << '"' << text << '"';
     }
-    settings_.userDefaults->removeObjectForKey("TRAY_TYPE");
 }
 
-TEST_F(SettingsTest, AFailedReadLeavesABareAnswerAndSaysWhy) {
-    testing::internal::CaptureStdout();
-    settings_.reloadConfiguration();
-    scheduler_->runPending();
-    const std::string output = testing::internal::GetCapturedStdout();
+TEST_F(SettingsTest, MissingOrUndecodableDocumentsLeaveABareAnswerAndSayWhy) {
+    settings_.saveConfig(false, false);  // no answer yet: no file
+    EXPECT_FALSE(fs::exists(supportFolder() / "config.json"));
+
+    EXPECT_NE(reload().find("missing config file "), std::string::npos);
     ASSERT_TRUE(settings_.configFile().has_value());
     EXPECT_EQ(settings_.configFile()->jsonrpc, "2.0");
     EXPECT_FALSE(settings_.configFile()->result.has_value());
     EXPECT_FALSE(settings_.configFile()->id.has_value());
     EXPECT_FALSE(settings_.deviceConfig().has_value());
-    EXPECT_NE(output.find("missing config file "), std::string::npos);
-}
 
-TEST_F(SettingsTest, UndecodableDocumentsGiveTheirMessagesAndNoPolicy) {
     test::writeFile(supportFolder() / "config.json", R"({"jsonrpc":2})");
     test::writeFile(supportFolder() / "device.json", "not json at all");
-    testing::internal::CaptureStdout();
-    settings_.reloadConfiguration();
-    scheduler_->runPending();
-    const std::string output = testing::internal::GetCapturedStdout();
+    const std::string output = reload();
     EXPECT_NE(output.find("missing config file "), std::string::npos);
     EXPECT_NE(
         output.find("device config doesnt exist at ~Library/Caches/config.json. Recreating\n"),
@@ -139,11 +155,6 @@ TEST_F(SettingsTest, UndecodableDocumentsGiveTheirMessagesAndNoPolicy) {
     EXPECT_FALSE(settings_.deviceConfig().has_value());
     // Nothing on disk was touched by reading.
     EXPECT_EQ(test::readFile(supportFolder() / "device.json"), "not json at all");
-}
-
-TEST_F(SettingsTest, SavingWithoutAnAnswerWritesNoFile) {
-    settings_.saveConfig(false, false);
-    EXPECT_FALSE(fs::exists(supportFolder() / "config.json"));
 }
 
 TEST_F(SettingsTest, TheTestOverlayReplacesTheStoredCfgOnlyWhenBothAreThere) {
@@ -162,7 +173,6 @@ TEST_F(SettingsTest, TheTestOverlayReplacesTheStoredCfgOnlyWhenBothAreThere) {
     settings_.userDefaults->setValue("{broken", "TEST_DEVICE_CONFIG");
     EXPECT_EQ(Utils::readDeviceConfigurationWithOverlay(settings_),
               Utils::readDeviceConfiguration());
-    settings_.userDefaults->removeObjectForKey("TEST_DEVICE_CONFIG");
 }
 
 TEST_F(SettingsTest, TheTestConfigurationFileIsReadWhenNamedAndDecodable) {
@@ -177,21 +187,21 @@ TEST_F(SettingsTest, TheTestConfigurationFileIsReadWhenNamedAndDecodable) {
               "Failed to read JSON config for device config\n");
     test::writeFile(file, kDeviceConfiguration);
     EXPECT_TRUE(Utils::readTestDeviceConfiguration(settings_).has_value());
-    settings_.userDefaults->removeObjectForKey("TEST_DEVICE_CONFIG_PATH");
 }
 
-TEST_F(SettingsTest, InstallerFilesAreImportedAndLeftInPlace) {
+TEST_F(SettingsTest, InstallerFilesAreImportedAndLeftInPlaceAndNoneIsNoError) {
+    EXPECT_NE(importInstallerFiles().find(
+                  "Config file doesnt exist at ~Library/Caches/config.json. Recreating"),
+              std::string::npos);
+    EXPECT_FALSE(fs::exists(supportFolder() / "config.json"));
+
     const auto values = home_.home() / ".cache/com.lorvex.tarnConfig";
     test::writeFile(values,
                     "RPC_URL=https://rpc.example.net:8443\nINSTALL_KEY=abc\nBOGUS=1\n"
                     "LOCATION_NAME=a=b\n\nINSTALL_KEY=def\n");
     test::writeFile(home_.home() / ".cache/config.json", kMainConfiguration);
-    FileSetup setup;
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(setup.importInstallerConfiguration());
-    scheduler_->runPending();
-    const std::string output = testing::internal::GetCapturedStdout();
-    EXPECT_NE(output.find("getValuesFromInstaller:  saving value abc for key INSTALL_KEY\n"),
+    EXPECT_NE(importInstallerFiles().find(
+                  "getValuesFromInstaller:  saving value abc for key INSTALL_KEY\n"),
               std::string::npos);
     auto stored = Dependencies::shared()->resolve<Settings>();
     EXPECT_EQ(stored->getValue(Key::installKey), "def");  // the later line wins
@@ -199,20 +209,6 @@ TEST_F(SettingsTest, InstallerFilesAreImportedAndLeftInPlace) {
     EXPECT_FALSE(stored->getValue(Key::locationName).has_value());
     EXPECT_EQ(test::readFile(supportFolder() / "config.json"), kMainConfiguration);
     EXPECT_TRUE(fs::exists(values));
-    for (const char* key : {"INSTALL_KEY", "RPC_URL"}) {
-        stored->userDefaults->removeObjectForKey(key);
-    }
-}
-
-TEST_F(SettingsTest, NoInstallerFilesIsTheUsualCaseAndStillSucceeds) {
-    FileSetup setup;
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(setup.importInstallerConfiguration());
-    scheduler_->runPending();
-    const std::string output = testing::internal::GetCapturedStdout();
-    EXPECT_NE(output.find("Config file doesnt exist at ~Library/Caches/config.json. Recreating"),
-              std::string::npos);
-    EXPECT_FALSE(fs::exists(supportFolder() / "config.json"));
 }
 
 // --- what survives the end of the process -------------------------------------------------
@@ -265,14 +261,11 @@ TEST_F(SettingsTest, AKilledWriterNeverLeavesHalfAFile) {
     const pid_t child = test::startChild("writeForever", {});
     ASSERT_GT(child, 0);
     // Wait until a temporary file beside the target shows that a write is under way.
-    bool writing = false;
+    const auto entries = [&] { return std::distance(fs::directory_iterator(supportFolder()), {}); };
+    bool writing = entries() > 1;
     for (int i = 0; i < 12000 && !writing; ++i) {
-        for (const auto& entry : fs::directory_iterator(supportFolder())) {
-            writing = writing || entry.path().filename() != "config.json";
-        }
-        if (!writing) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        writing = entries() > 1;
     }
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);

@@ -30,22 +30,15 @@ TEST(UtilsTest, AnUncreatableSupportFolderGivesNoPathAndSaysWhy) {
               0u);
 }
 
-TEST(UtilsTest, HomeFromPWDKeepsTheFirstTwoFoldersBelowTheRoot) {
+TEST(UtilsTest, TheHomeIsTheFirstTwoFoldersOfPWDAndOnlyRootsHomeIsRedirectedThere) {
     test::ScopedEnv env;
     env.unset("MORVANECLOUD_SYSROOT");
-    env.set("PWD", "/home/someone/Downloads/deeper");
-    EXPECT_EQ(Utils::homeFromPWD(), fs::path("/home/someone"));
-    env.set("PWD", "/home/someone");
-    EXPECT_EQ(Utils::homeFromPWD(), fs::path("/home/someone"));
-    env.set("PWD", "/srv");
-    EXPECT_EQ(Utils::homeFromPWD(), fs::path("/srv"));
-    env.unset("PWD");
-    EXPECT_FALSE(Utils::homeFromPWD().has_value());
-}
-
-TEST(UtilsTest, OnlyPathsInRootsHomeAreRedirected) {
-    test::ScopedEnv env;
-    env.unset("MORVANECLOUD_SYSROOT");
+    for (const auto& [pwd, home] : {std::pair{"/home/someone/Downloads/deeper", "/home/someone"},
+                                    {"/home/someone", "/home/someone"},
+                                    {"/srv", "/srv"}}) {
+        env.set("PWD", pwd);
+        EXPECT_EQ(Utils::homeFromPWD(), fs::path(home)) << pwd;
+    }
     env.set("PWD", "/home/alice/Work/x");
     EXPECT_EQ(Utils::redirectedOutOfRootsHome("/root/.local/share"),
               fs::path("/home/alice/.local/share"));
@@ -55,6 +48,7 @@ TEST(UtilsTest, OnlyPathsInRootsHomeAreRedirected) {
     EXPECT_EQ(Utils::redirectedOutOfRootsHome("/home/bob/.local/share"),
               fs::path("/home/bob/.local/share"));
     env.unset("PWD");
+    EXPECT_FALSE(Utils::homeFromPWD().has_value());
     EXPECT_EQ(Utils::redirectedOutOfRootsHome("/root/.local/share"),
               fs::path("/root/.local/share"));
 }
@@ -96,13 +90,6 @@ TEST(UtilsTest, InstallerFilesAreInTheCacheFolderOfTheHome) {
               "Log file doesnt exist at ~Library/Caches/config.json. Recreating\n");
     test::writeFile(Utils::installerValuesURL(), "RPC_URL=https://a.example.net\n");
     EXPECT_EQ(Utils::readInstallerValues(), "RPC_URL=https://a.example.net\n");
-}
-
-TEST(UtilsTest, IsRunningAsRootFollowsTheAccountsHome) {
-    const passwd* account = ::getpwuid(::getuid());
-    ASSERT_NE(account, nullptr);
-    EXPECT_EQ(Utils::isRunningAsRoot(),
-              std::string(account->pw_dir).find("root") != std::string::npos);
 }
 
 // The whole road of a run under sudo: root's data folder is redirected into the home named by
