@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
-#include <thread>
 
 #include "core/TarnLogger.h"
 #include "logging/LogCenter.h"
@@ -67,11 +66,7 @@ void SpdlogAsyncCallerCost(benchmark::State& state) {
     logger->set_level(spdlog::level::trace);
     spdlogNanoseconds = morvane::bench::callerNanoseconds(
         state, kBatch, [&] { logger->trace(kMessage); },
-        [&] {
-            while (pool->queue_size() > 0) {
-                std::this_thread::yield();
-            }
-        });
+        [&] { morvane::bench::waitUntilEmpty(*pool); });
 }
 
 BENCHMARK(TarnLoggerCallerCost)->UseManualTime()->MinTime(1.0);

@@ -15,7 +15,6 @@
 #include <filesystem>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "logging/FileDestination.h"
@@ -177,11 +176,7 @@ void SpdlogAsyncCallerCost(benchmark::State& state) {
     logger->flush_on(spdlog::level::trace);
     morvane::bench::callerNanoseconds(
         state, kBatch, [&] { logger->trace(kMessage); },
-        [&] {
-            while (pool->queue_size() > 0) {
-                std::this_thread::yield();
-            }
-        });
+        [&] { morvane::bench::waitUntilEmpty(*pool); });
 }
 
 // The machine is shared: each figure is the median of a few repetitions.

@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <thread>
 
 namespace morvane::bench {
 
@@ -27,6 +28,14 @@ double callerNanoseconds(benchmark::State& state, int batch, Call call, Drain dr
     const double nanoseconds = total * 1e9 / (static_cast<double>(state.iterations()) * batch);
     state.counters["ns/call"] = nanoseconds;
     return nanoseconds;
+}
+
+/// A drain for a thread pool that tells how many items wait in its queue, such as spdlog's.
+template <typename Pool>
+void waitUntilEmpty(Pool& pool) {
+    while (pool.queue_size() > 0) {
+        std::this_thread::yield();
+    }
 }
 
 }  // namespace morvane::bench

@@ -114,8 +114,7 @@ DevServer::DevServer(const Options& options) : folder_("morvane-devserver") {
 DevServer::~DevServer() {
     stop();
     if (::testing::Test::HasFailure()) {
-        std::cerr << "--- what tools/devserver said ---\n"
-                  << readFile(folder_.path() / "devserver.log") << "---\n";
+        std::cerr << "--- what tools/devserver said ---\n" << log() << "---\n";
     }
 }
 
@@ -156,7 +155,7 @@ void DevServer::start(const Options& options) {
     process_ = std::make_unique<QProcess>();
     // A file, not a pipe: nobody reads the log while the test runs, and a full pipe would
     // stop the server in the middle of a request.
-    process_->setStandardErrorFile(text((folder_.path() / "devserver.log").string()));
+    process_->setStandardErrorFile(text(logPath().string()));
     process_->start(python, arguments);
     if (!process_->waitForStarted(kStartMilliseconds)) {
         throw std::runtime_error("devserver: cannot start " + script.string() + ": " +
@@ -164,8 +163,7 @@ void DevServer::start(const Options& options) {
     }
     while (!process_->canReadLine()) {
         if (!process_->waitForReadyRead(kStartMilliseconds)) {
-            throw std::runtime_error("devserver: did not start listening:\n" +
-                                     readFile(folder_.path() / "devserver.log"));
+            throw std::runtime_error("devserver: did not start listening:\n" + log());
         }
     }
     const std::string line = process_->readLine().trimmed().toStdString();

@@ -102,6 +102,9 @@ private:
     void stop();
     nlohmann::json control(const std::string& verb, const std::string& path,
                            const std::optional<nlohmann::json>& body = std::nullopt);
+    /// Where the server's standard error goes, and what it wrote there.
+    std::filesystem::path logPath() const { return folder_.path() / "devserver.log"; }
+    std::string log() const { return readFile(logPath()); }
     static nlohmann::json deviceKeys(const std::string& key) {
         return {{"device_keys", nlohmann::json::array({key})}};
     }
