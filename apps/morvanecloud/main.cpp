@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/AppDelegate.h"
+#include "logging/LogCenter.h"
 #include "platform/BuildInfo.h"
 #include "platform/MainQueue.h"
 #include "platform/TerminationSignals.h"
@@ -94,7 +95,14 @@ int main(int argc, char** argv) {
     });
     morvane::platform::MainQueue::async([&delegate] { delegate.start(); });
     const int status = app->exec();
+    // Workers may still be in a request to the device server; it ends with its own time-out,
+    // not with the loop, and what it writes replaces files atomically. Waiting for it would
+    // hold up the end of the session, and destroying the objects it uses (the application,
+    // the services, the log destinations) under it would crash it. So its reply is dropped,
+    // the lines already logged are written, and the process ends without destructors.
     morvane::platform::MainQueue::close();
+    morvane::logging::LogCenter::flush();
     std::fflush(stdout);
-    return status;
+    std::fflush(stderr);
+    std::_Exit(status);
 }

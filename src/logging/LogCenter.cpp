@@ -51,6 +51,14 @@ std::size_t LogCenter::countDestinations() {
     return destinations().size();
 }
 
+void LogCenter::flush() {
+    for (const auto& destination : destinations()) {
+        if (destination->queue()) {
+            destination->executeSynchronously([] {});
+        }
+    }
+}
+
 std::string LogCenter::threadName() {
     if (platform::isMainThread()) {
         return {};

@@ -44,6 +44,8 @@ public:
     static bool removeDestination(const std::shared_ptr<BaseDestination>& destination);
     static void removeAllDestinations();
     static std::size_t countDestinations();
+    /// Returns once every destination has sent what it was handed before the call.
+    static void flush();
 
     /// Empty on the main thread; elsewhere the label of the dispatch queue running the
     /// caller, or a description of the thread when that label is not UTF-8.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <future>
 #include <memory>
 
 #include "RecordingDestination.h"
@@ -144,6 +145,24 @@ TEST_F(LogCenterTest, SynchronousDestinationHasWrittenWhenTheCallReturns) {
     EXPECT_EQ(::testing::internal::GetCapturedStdout(),
               "DEBUG now\nVERBOSE dropped by the file, printed by the console\n");
     EXPECT_EQ(morvane::test::readFile(home.root() / "sync.log"), "DEBUG now\n");
+}
+
+TEST_F(LogCenterTest, FlushWaitsForEveryLineHandedOver) {
+    auto blocked = added();
+    auto other = added();
+    // Hold the first destination's queue, so its lines are still pending when flush is called.
+    std::promise<void> release;
+    blocked->queue()->async([done = release.get_future().share()] { done.wait(); });
+    for (int i = 0; i < 100; ++i) {
+        LogCenter::info("line");
+    }
+    auto flushed = std::async(std::launch::async, [] { LogCenter::flush(); });
+    EXPECT_EQ(flushed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    release.set_value();
+    flushed.get();
+    // Read straight from the records, not through calls(), which would wait by itself.
+    EXPECT_EQ(blocked->sentCount(), 100u);
+    EXPECT_EQ(other->sentCount(), 100u);
 }
 
 TEST(Enqueue, DestinationNotSharedIsSentWhileTheCallerWaits) {

@@ -40,6 +40,12 @@ public:
         return calls_;
     }
 
+    /// How many calls were sent so far, without waiting for the queue.
+    std::size_t sentCount() {
+        std::lock_guard lock(mutex_);
+        return calls_.size();
+    }
+
 private:
     std::mutex mutex_;
     std::vector<Call> calls_;
