@@ -81,6 +81,11 @@ MORVANE_CHILD_ROLE(postsWhileTheApplicationGoes) {
 }
 
 TEST(MainQueueTest, BlocksPostedAfterTheLoopHasEndedAreDroppedNotFatal) {
+#if defined(__SANITIZE_THREAD__)
+    // Qt hands posted events between threads under its own futex-based locks, which
+    // ThreadSanitizer cannot see: a block posted while the loop runs is reported as a race.
+    GTEST_SKIP() << "posting while the Qt loop runs is not visible to ThreadSanitizer";
+#endif
     std::string output;
     EXPECT_EQ(test::runChild("postsWhileTheApplicationGoes", {}, &output), 0) << output;
 }
