@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/AppDelegate.h"
+#include "app/AppDelegate.h"
 #include "logging/LogCenter.h"
 #include "platform/BuildInfo.h"
 #include "platform/MainQueue.h"

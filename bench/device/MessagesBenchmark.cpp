@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "device/DeviceConfiguration.h"
-#include "device/JSONCoding.h"
+#include "messages/DeviceConfiguration.h"
+#include "messages/JSONCoding.h"
 
 namespace {
 

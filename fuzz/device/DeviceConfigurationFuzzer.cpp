@@ -1,5 +1,5 @@
 #include "RoundTrip.h"
-#include "device/DeviceConfiguration.h"
+#include "messages/DeviceConfiguration.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     morvane::fuzz::checkRoundTrip<morvane::DeviceConfiguration>(data, size);

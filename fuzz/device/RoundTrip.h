@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 
 namespace morvane::fuzz {
 

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "device/DeviceConfiguration.h"
-#include "device/LogLevel.h"
+#include "messages/DeviceConfiguration.h"
+#include "messages/LogLevel.h"
 
 namespace morvane {
 

@@ -1,6 +1,6 @@
 #include "device/DeviceConfigManager.h"
 
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 #include "platform/StandardOutput.h"
 #include "settings/Utils.h"
 

@@ -6,7 +6,7 @@
 #include <cctype>
 #include <semaphore>
 
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 #include "platform/MainQueue.h"
 #include "platform/OperatingSystem.h"
 #include "platform/StandardOutput.h"

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 #include "platform/StandardOutput.h"
 
 namespace morvane {

@@ -10,9 +10,9 @@
 
 #include "core/Injected.h"
 #include "core/TarnLogger.h"
-#include "device/DeviceError.h"
-#include "device/ServerMethods.h"
-#include "device/ServerResponse.h"
+#include "messages/DeviceError.h"
+#include "messages/ServerMethods.h"
+#include "messages/ServerResponse.h"
 #include "platform/HttpsClient.h"
 #include "platform/URL.h"
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 #include "platform/Files.h"
 #include "platform/StandardOutput.h"
 #include "platform/SystemPaths.h"

@@ -6,7 +6,7 @@
 
 #include "core/Injected.h"
 #include "core/TarnLogger.h"
-#include "device/MainConfiguration.h"
+#include "messages/MainConfiguration.h"
 
 namespace morvane {
 

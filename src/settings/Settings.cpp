@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 #include "platform/Files.h"
 #include "settings/Utils.h"
 

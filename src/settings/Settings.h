@@ -9,8 +9,8 @@
 
 #include "core/Injected.h"
 #include "core/TarnLogger.h"
-#include "device/DeviceConfiguration.h"
-#include "device/MainConfiguration.h"
+#include "messages/DeviceConfiguration.h"
+#include "messages/MainConfiguration.h"
 #include "platform/UserDefaults.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/MorvaneServerInfoSection.h"

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <system_error>
 
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 #include "platform/Files.h"
 #include "platform/StandardOutput.h"
 #include "platform/SystemPaths.h"

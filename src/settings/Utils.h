@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "device/DeviceConfiguration.h"
+#include "messages/DeviceConfiguration.h"
 
 namespace morvane {
 

@@ -10,9 +10,9 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 
-#include "device/DeviceConfiguration.h"
-#include "device/JSONCoding.h"
-#include "device/MainConfiguration.h"
+#include "messages/DeviceConfiguration.h"
+#include "messages/JSONCoding.h"
+#include "messages/MainConfiguration.h"
 #include "support/ChildProcess.h"
 #include "support/DevServer.h"
 #include "support/MainLoop.h"

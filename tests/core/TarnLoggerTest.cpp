@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "core/TarnLogger.h"
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 #include "logging/LogCenter.h"
 #include "platform/ManualScheduler.h"
 #include "platform/UserDefaults.h"

@@ -7,7 +7,7 @@
 
 #include "device/DeviceConfigManager.h"
 #include "device/DeviceServerFixture.h"
-#include "device/JSONCoding.h"
+#include "messages/JSONCoding.h"
 #include "platform/NotificationCenter.h"
 #include "settings/Utils.h"
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "core/DepenencyInjection.h"
+#include "app/DepenencyInjection.h"
 #include "platform/ManualScheduler.h"
 #include "settings/MorvaneServerInfoSection.h"
 #include "settings/Settings.h"

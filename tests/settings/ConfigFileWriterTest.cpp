@@ -3,7 +3,7 @@
 
 #include <iterator>
 
-#include "core/DepenencyInjection.h"
+#include "app/DepenencyInjection.h"
 #include "platform/ManualScheduler.h"
 #include "settings/ConfigFileWriter.h"
 #include "support/MainLoop.h"

@@ -5,7 +5,7 @@
 
 #include <fstream>
 
-#include "core/DepenencyInjection.h"
+#include "app/DepenencyInjection.h"
 #include "platform/ManualScheduler.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/DirectoryObserver.h"

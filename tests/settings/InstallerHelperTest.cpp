@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "core/DepenencyInjection.h"
+#include "app/DepenencyInjection.h"
 #include "platform/ManualScheduler.h"
 #include "settings/InstallerHelper.h"
 #include "support/MainLoop.h"

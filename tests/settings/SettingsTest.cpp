@@ -6,8 +6,8 @@
 #include <iterator>
 #include <thread>
 
-#include "core/DepenencyInjection.h"
-#include "device/JSONCoding.h"
+#include "app/DepenencyInjection.h"
+#include "messages/JSONCoding.h"
 #include "platform/ManualScheduler.h"
 #include "settings/FileSetup.h"
 #include "settings/Settings.h"

@@ -1,0 +1,11 @@
+#include "app/ApplicationStartHelper.h"
+
+namespace morvane {
+
+void ApplicationStartHelper::setupDependencies() {
+    if (!dependency) {
+        dependency.emplace();
+    }
+}
+
+}  // namespace morvane

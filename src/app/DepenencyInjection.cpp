@@ -1,0 +1,42 @@
+#include "app/DepenencyInjection.h"
+
+#include "app/ChangeObserver.h"
+#include "core/NotificationPublisher.h"
+#include "core/TarnLogger.h"
+#include "device/ComputerNameManager.h"
+#include "device/DeviceConfigManager.h"
+#include "device/DeviceServerAPI.h"
+#include "platform/NotificationCenter.h"
+#include "settings/ConfigFileWriter.h"
+#include "settings/InstallerHelper.h"
+#include "settings/Settings.h"
+
+namespace morvane {
+
+std::vector<Service> DepenencyInjection::serviceTable() {
+    using LifeCycle = Service::LifeCycle;
+    std::vector<Service> rows;
+    rows.push_back(Service::global<Settings>());
+    rows.push_back(Service::make<ConfigFileWriter>(LifeCycle::global, [](Dependencies&) {
+        auto writer = std::make_shared<ConfigFileWriter>();
+        writer->SANDBOXED = true;
+        return writer;
+    }));
+    rows.push_back(Service::make<NotificationPublisher>(LifeCycle::global, [](Dependencies&) {
+        return std::make_shared<NotificationPublisher>(
+            NotificationPublisher{platform::NotificationCenter::defaultCenter()});
+    }));
+    rows.push_back(Service::global<ChangeObserver>());
+    rows.push_back(Service::global<TarnLogger>());
+    rows.push_back(Service::global<DeviceServerAPI>());
+    rows.push_back(Service::global<DeviceConfigManager>());
+    rows.push_back(Service::global<ComputerNameManager>());
+    rows.push_back(Service::global<InstallerHelper>());
+    return rows;
+}
+
+DepenencyInjection::DepenencyInjection() {
+    Dependencies::build(serviceTable());
+}
+
+}  // namespace morvane
