@@ -8,6 +8,8 @@ MORVANE_JOBS=${MORVANE_JOBS:-$(nproc 2>/dev/null || echo 2)}
 MORVANE_PACKAGES=(
     build-essential cmake ninja-build pkg-config
     qt6-base-dev libcurl4-openssl-dev nlohmann-json3-dev libicu-dev libnl-route-3-dev
+    # sd-bus and sd_notify for the programs that run without Qt (provider, helper)
+    libsystemd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl dbus
     # peers the benchmarks measure against

@@ -7,7 +7,7 @@
 #include "messages/JSONCoding.h"
 #include "platform/Files.h"
 #include "platform/StandardOutput.h"
-#include "platform/SystemPaths.h"
+#include "sys/SystemPaths.h"
 #include "settings/KeyValueText.h"
 #include "settings/Utils.h"
 
@@ -16,7 +16,7 @@ namespace morvane {
 namespace fs = std::filesystem;
 
 fs::path ConfigFileWriter::handOverFileURL() {
-    return platform::systemPath("/tmp/.tarncookie");
+    return sys::systemPath("/tmp/.tarncookie");
 }
 
 bool ConfigFileWriter::saveConfigFile(const std::string& text, const fs::path& url) {

@@ -8,7 +8,7 @@
 #include "messages/JSONCoding.h"
 #include "platform/Files.h"
 #include "platform/StandardOutput.h"
-#include "platform/SystemPaths.h"
+#include "sys/SystemPaths.h"
 #include "settings/KeyValueText.h"
 #include "settings/Settings.h"
 
@@ -49,7 +49,7 @@ std::optional<fs::path> relativeBelow(const fs::path& path, const fs::path& fold
 }  // namespace
 
 fs::path Utils::rootHome() {
-    return platform::systemPath("/root");
+    return sys::systemPath("/root");
 }
 
 std::optional<fs::path> Utils::homeFromPWD() {
@@ -58,7 +58,7 @@ std::optional<fs::path> Utils::homeFromPWD() {
         return std::nullopt;
     }
     // Under a test or demo sysroot the rule applies to the path inside the sysroot.
-    const fs::path sysroot = platform::systemPath("/");
+    const fs::path sysroot = sys::systemPath("/");
     fs::path path = *pwd;
     fs::path prefix;
     if (sysroot != "/") {

@@ -1,8 +1,8 @@
-#include "platform/SystemPaths.h"
+#include "sys/SystemPaths.h"
 
 #include <cstdlib>
 
-namespace morvane::platform {
+namespace morvane::sys {
 
 std::filesystem::path systemPath(std::string_view absolutePath) {
     const char* sysroot = std::getenv("MORVANECLOUD_SYSROOT");
@@ -16,4 +16,4 @@ std::filesystem::path systemPath(std::string_view absolutePath) {
     return std::filesystem::path(sysroot) / relative;
 }
 
-}  // namespace morvane::platform
+}  // namespace morvane::sys

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "platform/SystemPaths.h"
+#include "sys/SystemPaths.h"
 #include "support/TestEnvironment.h"
 
-namespace morvane::platform {
+namespace morvane::sys {
 namespace {
 
 TEST(SystemPathsTest, PathsStayAbsoluteWithoutASysroot) {
@@ -22,4 +22,4 @@ TEST(SystemPathsTest, SysrootIsPutInFrontOfEveryFixedPath) {
 }
 
 }  // namespace
-}  // namespace morvane::platform
+}  // namespace morvane::sys
