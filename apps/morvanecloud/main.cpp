@@ -14,6 +14,7 @@
 #include "platform/BuildInfo.h"
 #include "platform/MainQueue.h"
 #include "platform/TerminationSignals.h"
+#include "settings/Utils.h"
 
 namespace {
 
@@ -72,10 +73,11 @@ int main(int argc, char** argv) {
         }
     }
 
-    // A desktop session gets the widgets for the tray; over SSH, under systemd or in CI the
-    // program runs on a plain event loop.
+    // A desktop session gets the widgets for the tray; the install command, and the agent over
+    // SSH, under systemd or in CI, run on a plain event loop. The command never shows a widget,
+    // so a named display that cannot be reached (a stale DISPLAY over SSH) must not stop it.
     std::unique_ptr<QCoreApplication> app;
-    if (hasDisplay()) {
+    if (!morvane::Utils::wasRunFromCommandLine() && hasDisplay()) {
         app = std::make_unique<QApplication>(argc, argv);
     } else {
         app = std::make_unique<QCoreApplication>(argc, argv);
@@ -95,6 +97,12 @@ int main(int argc, char** argv) {
     });
     morvane::platform::MainQueue::async([&delegate] { delegate.start(); });
     const int status = app->exec();
+    // What was posted before the loop ended still runs: the install command ends on the spot
+    // after its last step, and the log lines of that step (an administrator's only clue to a
+    // mistyped key) are blocks on the main queue. Blocks those post in turn run too.
+    for (int round = 0; round < 8; ++round) {
+        QCoreApplication::sendPostedEvents();
+    }
     // Workers may still be in a request to the device server; it ends with its own time-out,
     // not with the loop, and what it writes replaces files atomically. Waiting for it would
     // hold up the end of the session, and destroying the objects it uses (the application,

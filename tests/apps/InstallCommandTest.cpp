@@ -204,6 +204,38 @@ TEST_F(InstallCommandTest, ActionsThisBuildCannotTakeAreStoredAndReportedAsNotCa
                 HasSubstr("RESET=true (resetting the DNS proxy) is stored but not carried out"));
 }
 
+TEST_F(InstallCommandTest, AMistypedValueAsRootIsReportedBeforeTheCommandEnds) {
+    std::string output;
+    auto argv = installArguments();
+    argv[1] = "RPC_ULR=" + server_->baseUrl();  // a mistyped key: no RPC_URL at all
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "the command's end as root needs root";
+    }
+    auto environment = shellEnvironment(sysroot() / "root");
+    environment["SUDO_COMMAND"] = "/usr/bin/morvanecloud";
+    EXPECT_EQ(test::runProgram(argv, environment, &output), 1) << output;
+    EXPECT_THAT(output,
+                HasSubstr("Missing value for RPC_URL. Please provide a URL in the command line"));
+    EXPECT_THAT(output, HasSubstr("failed to validate a required setting: bailing"));
+    EXPECT_THAT(test::readFile(sysroot() / "root/.local/share/MorvaneCloud/Tarn.log"),
+                HasSubstr("Missing value for RPC_URL"));
+}
+
+TEST_F(InstallCommandTest, ACommandLineRunNeedsNoDisplayEvenWhenOneIsNamed) {
+    auto environment = shellEnvironment(userHome());
+    // A display that is named but cannot be reached, as over SSH with a stale DISPLAY.
+    environment["DISPLAY"] = ":97";
+    // The runner makes widgets offscreen; a desktop's default platform is X11.
+    environment["QT_QPA_PLATFORM"] = "xcb";
+    std::string output;
+    EXPECT_EQ(
+        test::runProgram({program().string(), "RPC_URL=https://Bad.Example.net", "INSTALL_KEY=k"},
+                         environment, &output),
+        1)
+        << output;
+    EXPECT_THAT(output, HasSubstr(" RPC_URL value \"https://Bad.Example.net\" is invalid"));
+}
+
 TEST_F(InstallCommandTest, HelpAloneTouchesNoSetting) {
     const auto defaults = userHome() / ".config/MorvaneCloud/defaults.ini";
     test::writeFile(defaults, "[General]\nRPC_URL=https://kept.example.net\n");
