@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "app/AppDelegate.h"
+#include "app/StatusReport.h"
 #include "logging/LogCenter.h"
 #include "platform/BuildInfo.h"
 #include "platform/MainQueue.h"
@@ -20,7 +21,7 @@ namespace {
 
 constexpr const char* kUsage =
     "Usage: sudo morvanecloud RPC_URL=<url> INSTALL_KEY=<key> [KEY=VALUE ...]\n"
-    "       morvanecloud --help | --version\n"
+    "       morvanecloud --status | --help | --version\n"
     "\n"
     "Started from a shell, morvanecloud is the install command: it clears the stored\n"
     "settings (all but INSTALL_KEY), takes the KEY=VALUE arguments and enrols the machine.\n"
@@ -43,6 +44,10 @@ constexpr const char* kUsage =
     "  STOP=TRUE, RESET=true, DOWNLOAD_CERT=true\n"
     "                             stored, but this build cannot carry them out yet\n"
     "\n"
+    "--status tells whether the machine is enrolled, its device key, the DNS proxy's state as\n"
+    "the provider reports it, the system DNS switch in force, VPN and the last external address;\n"
+    "it changes nothing.\n"
+    "\n"
     "Exit status: 0 done; 1 invalid or missing values; 4 values stored but an asked-for\n"
     "action (STOP, RESET, DOWNLOAD_CERT) is not available in this build.\n";
 
@@ -58,12 +63,17 @@ bool hasDisplay() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Only a run whose single argument asks for help is answered without touching anything;
-    // every other run clears and stores settings as the install command always has.
+    // Only a run whose single argument asks for help or status is answered without touching
+    // anything; every other run clears and stores settings as the install command always has.
     if (argc == 2) {
         const std::string arg = argv[1];
         if (arg == "--help" || arg == "-h") {
             std::fputs(kUsage, stdout);
+            return EXIT_SUCCESS;
+        }
+        if (arg == "--status") {
+            QCoreApplication app(argc, argv);
+            std::fputs(morvane::StatusReport::collect().text().c_str(), stdout);
             return EXIT_SUCCESS;
         }
         if (arg == "--version") {

@@ -17,6 +17,7 @@
 #include "support/DevServer.h"
 #include "support/MainLoop.h"
 #include "support/TestEnvironment.h"
+#include "sys/MessageServer.h"
 
 namespace morvane {
 namespace {
@@ -234,6 +235,40 @@ TEST_F(InstallCommandTest, ACommandLineRunNeedsNoDisplayEvenWhenOneIsNamed) {
         1)
         << output;
     EXPECT_THAT(output, HasSubstr(" RPC_URL value \"https://Bad.Example.net\" is invalid"));
+}
+
+TEST_F(InstallCommandTest, StatusTellsWhatTheFilesAndTheProviderSayAndChangesNothing) {
+    const auto defaults = userHome() / ".config/MorvaneCloud/defaults.ini";
+    const std::string stored =
+        "[General]\nRPC_URL=https://rpc.example.net\nEXTERNAL_IP=203.0.113.7\n";
+    test::writeFile(defaults, stored);
+    test::writeFile(
+        userSupport() / "config.json",
+        R"({"jsonrpc":"2.0","result":{"device":"dk-42","name":"laptop","type":"Tarn"}})");
+
+    auto before = runAsUser({"--status"}, 0);
+    EXPECT_THAT(before, HasSubstr("Enrolled:          yes"));
+    EXPECT_THAT(before, HasSubstr("Device key:        dk-42"));
+    EXPECT_THAT(before, HasSubstr("External address:  203.0.113.7"));
+    EXPECT_THAT(before, HasSubstr("DNS proxy:         not reachable"));
+
+    // The provider's control socket, played by a server that answers as the provider does.
+    sys::MessageServer::Options options;
+    options.path = sysroot() / "run/morvanecloud/dnsproxy.control";
+    options.handler = [](const sys::MessageServer::Connection&, const sys::Message& message) {
+        if (message.message != "status") {
+            return sys::MessageServer::Outcome::refuse();
+        }
+        return sys::MessageServer::Outcome::replyWith(
+            {{"enabled", true}, {"listening", "127.0.0.153:53"}, {"switch", "resolv.conf"}});
+    };
+    sys::MessageServer provider(options);
+    std::string error;
+    ASSERT_TRUE(provider.start(error)) << error;
+    const auto during = runAsUser({"--status"}, 0);
+    EXPECT_THAT(during, HasSubstr("DNS proxy:         enabled, serving on 127.0.0.153:53"));
+    EXPECT_THAT(during, HasSubstr("System DNS switch: resolv.conf"));
+    EXPECT_EQ(test::readFile(defaults), stored);
 }
 
 TEST_F(InstallCommandTest, HelpAloneTouchesNoSetting) {
