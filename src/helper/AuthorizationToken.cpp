@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "helper/HelperFiles.h"
+#include "sys/SystemPaths.h"
 #include "sys/UnixSocket.h"
 
 namespace morvane {
@@ -72,6 +73,41 @@ std::optional<std::string> AuthorizationTokens::fromHex(const std::string& text)
         bytes += static_cast<char>(high * 16 + low);
     }
     return bytes;
+}
+
+bool AuthorizationTokens::mayCreate(uid_t uid, std::string& why) {
+    if (uid == 0) {
+        return true;
+    }
+    const auto ownerIn = [](const std::filesystem::path& file, const char* key) {
+        std::string ignored;
+        const auto text = helper::readWholeFile(file, ignored);
+        const auto parsed = text ? nlohmann::json::parse(*text, nullptr, false) : nlohmann::json();
+        const auto found = parsed.is_object() ? parsed.find(key) : parsed.end();
+        return parsed.is_object() && found != parsed.end() && found->is_number_integer() &&
+                       found->get<long long>() >= 0
+                   ? std::optional<long long>(found->get<long long>())
+                   : std::nullopt;
+    };
+    const std::lock_guard lock(tokensMutex());
+    if (const auto proxyOwner =
+            ownerIn(sys::systemPath("/var/lib/morvanecloud/dnsproxy.json"), "ownerUid")) {
+        why = "the DNS proxy belongs to uid " + std::to_string(*proxyOwner);
+        return *proxyOwner == static_cast<long long>(uid);
+    }
+    const auto ownerFile = helper::supportFile("helper-owner.json");
+    if (const auto owner = ownerIn(ownerFile, "uid")) {
+        why = "the helper belongs to uid " + std::to_string(*owner);
+        return *owner == static_cast<long long>(uid);
+    }
+    std::string error;
+    if (!helper::writeFileAtomically(
+            ownerFile, nlohmann::json{{"uid", static_cast<long long>(uid)}}.dump() + "\n", 0644,
+            error)) {
+        why = error;
+        return false;
+    }
+    return true;
 }
 
 std::optional<AuthorizationTokens::Token> AuthorizationTokens::create(uid_t uid) {

@@ -63,6 +63,13 @@ std::filesystem::path TarnHelper::defaultSocketPath() {
 
 bool TarnHelper::run(std::string& error) {
     Common::setupAuthorizationRights(rights_);
+    // A fresh machine has no config.ini, and the editor only changes files that exist: the
+    // service starts it with the two sections it writes to.
+    std::error_code ignored;
+    if (!std::filesystem::exists(TarnConfigHelper::configFilePath(), ignored)) {
+        TarnConfigHelper::setConfigFileContent(
+            "[ApplicationSettings]\n[MorvaneServerInfoSection]\n");
+    }
     sys::MessageServer::Options options;
     options.path = socketPath_;
     options.mode = 0666;
@@ -289,6 +296,10 @@ TarnHelper::Error TarnHelper::flushDNSwithAuthorization(const nlohmann::json& au
 }
 
 nlohmann::json TarnHelper::authorizationCreate(const sys::PeerCredentials& peer) {
+    if (std::string why; !tokens_.mayCreate(peer.uid, why)) {
+        log("No authorization for uid " + std::to_string(peer.uid) + ": " + why);
+        return {{"error", th::statusError(authorization_status::denied)}};
+    }
     const auto token = tokens_.create(peer.uid);
     if (!token) {
         log("Unable to create an authorization for uid " + std::to_string(peer.uid));
