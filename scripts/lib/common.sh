@@ -37,9 +37,10 @@ ensure_packages() {
 }
 
 # configure_build <build dir> [extra cmake arguments...]
+# Developers and CI build with warnings as errors; packagers do not (the option's default).
 configure_build() {
     local dir=$1; shift
-    cmake -S "$MORVANE_ROOT" -B "$dir" -G Ninja -Wno-dev "$@" >/dev/null
+    cmake -S "$MORVANE_ROOT" -B "$dir" -G Ninja -Wno-dev -DMORVANE_WERROR=ON "$@" >/dev/null
 }
 
 # build <build dir> [targets...]
