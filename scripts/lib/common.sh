@@ -16,6 +16,9 @@ MORVANE_PACKAGES=(
     libspdlog-dev libgmp-dev libknot-dev libldns-dev
     # fuzzing and sanitizer runtimes
     clang libclang-rt-14-dev
+    # the Debian package: its build (icons rendered from SVG), lintian, and the checks of the
+    # installed package (desktop entry, polkit DTD, and polkitd, which the package depends on)
+    dpkg-dev debhelper lintian librsvg2-bin desktop-file-utils libxml2-utils polkitd
 )
 
 say() { printf '==> %s\n' "$*"; }
