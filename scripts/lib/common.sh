@@ -14,6 +14,9 @@ MORVANE_PACKAGES=(
     python3 openssl dbus
     # peers the benchmarks measure against
     libspdlog-dev libgmp-dev libknot-dev libldns-dev
+    # the DNS forwarder's benchmark: load generator and the two servers it is measured against
+    # (dnsmasq-base: the program without a service that would start on installation)
+    dnsperf dnsmasq-base unbound
     # fuzzing and sanitizer runtimes
     clang libclang-rt-14-dev
 )
