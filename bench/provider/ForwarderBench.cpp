@@ -6,8 +6,9 @@
 //   - answers from the cache, against unbound answering from its cache;
 //   - resident memory of the forwarder holding 10,000 cached names.
 // Run by hand: build/bench/provider_forwarder_bench [seconds per measurement]. It needs
-// dnsperf, dnsmasq and unbound (Debian packages dnsperf, dnsmasq-base, unbound); every server
-// it starts listens on 127.0.0.1 on a free port and ends with the benchmark.
+// dnsperf and dnsmasq (Debian packages dnsperf, dnsmasq-base) and unbound, which it unpacks
+// from its Debian package when it is not installed; every server it starts listens on
+// 127.0.0.1 on a free port and ends with the benchmark.
 //
 // The same binary also plays two roles for itself: "upstream" (the fast resolver) and
 // "forwarder" (the forwarder as a process of its own, so that its memory is its own).
@@ -334,9 +335,9 @@ bool have(const char* program) {
 }
 
 int conduct(const std::string& self, int seconds) {
-    for (const char* program : {"dnsperf", "dnsmasq", "unbound"}) {
+    for (const char* program : {"dnsperf", "dnsmasq"}) {
         if (!have(program)) {
-            std::cerr << program << " is missing: apt-get install dnsperf dnsmasq-base unbound"
+            std::cerr << program << " is missing: apt-get install dnsperf dnsmasq-base"
                       << std::endl;
             return 1;
         }
@@ -344,6 +345,22 @@ int conduct(const std::string& self, int seconds) {
     const fs::path work =
         fs::temp_directory_path() / ("forwarder-bench-" + std::to_string(::getpid()));
     fs::create_directories(work);
+    // unbound's package would start a resolver on installation; unpacked here it only runs
+    // when asked, for as long as the benchmark.
+    std::string unboundProgram = "unbound";
+    if (!have("unbound")) {
+        const std::string unpack = "cd '" + work.string() +
+                                   "' && apt-get download unbound >/dev/null 2>&1 && "
+                                   "dpkg-deb -x unbound_*.deb unpacked";
+        if (std::system(unpack.c_str()) != 0) {
+            std::cerr
+                << "unbound is not installed and could not be unpacked (apt-get download unbound)"
+                << std::endl;
+            fs::remove_all(work);
+            return 1;
+        }
+        unboundProgram = (work / "unpacked/usr/sbin/unbound").string();
+    }
     const std::string time = std::to_string(seconds);
 
     Child upstream = spawn("upstream", {self, "upstream"});
@@ -385,7 +402,8 @@ int conduct(const std::string& self, int seconds) {
                 "forward-zone:\n  name: \".\"\n  forward-addr: 127.0.0.1@"
              << portOf(upstreamAddress) << "\n";
     }
-    Child unbound = spawn("unbound", {"unbound", "-d", "-c", (work / "unbound.conf").string()});
+    Child unbound =
+        spawn("unbound", {unboundProgram, "-d", "-c", (work / "unbound.conf").string()});
 
     const auto fail = [&](const std::string& what) {
         std::cerr << what << " did not come up" << std::endl;
