@@ -296,6 +296,22 @@ TEST_F(ForwarderTest, ServfailAndRefusedMoveOnToTheNextResolver) {
     EXPECT_EQ(network.count(), 1u);
 }
 
+TEST_F(ForwarderTest, AResolverThatIsNotThereIsLeftAtOnce) {
+    // A port nobody listens on: the kernel answers the query with "port unreachable".
+    std::string closed;
+    {
+        TestResolver gone("10.9.9.9");
+        closed = gone.address();
+    }
+    Policy policy;
+    policy.rules = {rule(std::nullopt, std::nullopt, {closed, defaults.address()})};
+    ForwarderOptions o = options();
+    o.raceDelay = 60s;  // only the refusal can move the query on in time
+    o.queryTimeout = 120s;
+    start(policy, o);
+    EXPECT_EQ(answerOf("www.example.com"), "10.0.0.1");
+}
+
 TEST_F(ForwarderTest, WhenEveryResolverFailsTheClientGetsServfail) {
     corporate.setBehaviour(Behaviour::servfail);
     network.setBehaviour(Behaviour::refused);
