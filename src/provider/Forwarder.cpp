@@ -187,7 +187,10 @@ public:
             return;
         }
         stopRequested_ = true;
-        wake();
+        {
+            std::lock_guard lock(commandsMutex_);
+            wakeLocked();
+        }
         thread_.join();
         running_ = false;
         closeAll();
@@ -199,11 +202,9 @@ public:
     }
 
     void post(std::function<void()> command) {
-        {
-            std::lock_guard lock(commandsMutex_);
-            commands_.push_back(std::move(command));
-        }
-        wake();
+        std::lock_guard lock(commandsMutex_);
+        commands_.push_back(std::move(command));
+        wakeLocked();
     }
 
     void applyPolicy(std::shared_ptr<const Router> router) {
@@ -355,10 +356,12 @@ private:
             options_.log(line);
         }
     }
-    void wake() {
-        if (const int fd = wakeFd_.load(); fd >= 0) {
+    // Under commandsMutex_, which also guards the closing of the descriptor: a wake from
+    // another thread can never write into a descriptor number that was closed and reused.
+    void wakeLocked() {
+        if (wakeFd_ >= 0) {
             const std::uint64_t one = 1;
-            [[maybe_unused]] const auto written = ::write(fd, &one, sizeof one);
+            [[maybe_unused]] const auto written = ::write(wakeFd_, &one, sizeof one);
         }
     }
 
@@ -432,7 +435,7 @@ private:
     bool lostReported_ = false;
 
     int epollFd_ = -1;
-    std::atomic<int> wakeFd_{-1};
+    int wakeFd_ = -1;  // written under commandsMutex_
     int udpFd_ = -1;
     int tcpFd_ = -1;
     Endpoint listenEndpoint_;
@@ -501,8 +504,13 @@ bool Forwarder::Loop::open(const std::string& listen, std::string& error) {
     };
 
     epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
-    wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (epollFd_ < 0 || wakeFd_ < 0) {
+    int wakeFd;
+    {
+        std::lock_guard lock(commandsMutex_);
+        wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        wakeFd = wakeFd_;
+    }
+    if (epollFd_ < 0 || wakeFd < 0) {
         return fail("epoll", errno);
     }
     const bool anyPort =
@@ -558,7 +566,7 @@ bool Forwarder::Loop::open(const std::string& listen, std::string& error) {
         event.data.u64 = makeTag(kind, 0, 0);
         return ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) == 0;
     };
-    if (!add(wakeFd_, Kind::wake) || !add(udpFd_, Kind::udpListen) ||
+    if (!add(wakeFd, Kind::wake) || !add(udpFd_, Kind::udpListen) ||
         !add(tcpFd_, Kind::tcpListen)) {
         return fail("epoll", errno);
     }
@@ -591,12 +599,10 @@ void Forwarder::Loop::closeAll() {
     deadlineTimers_.clear();
     closeFd(udpFd_);
     closeFd(tcpFd_);
-    if (const int fd = wakeFd_.exchange(-1); fd >= 0) {
-        ::close(fd);
-    }
     closeFd(epollFd_);
     listenEndpoint_ = Endpoint{};
     std::lock_guard lock(commandsMutex_);
+    closeFd(wakeFd_);
     listeningText_.clear();
 }
 
