@@ -139,6 +139,57 @@ TEST(AnswerCache, TheLeastRecentlyUsedAnswerMakesRoom) {
     EXPECT_FALSE(cache.lookup("z", now, out));
 }
 
+TEST(AnswerCache, KeepsExactlyTheNewestAnswersThroughGrowthAndReuse) {
+    AnswerCache cache(1000);
+    const auto now = std::chrono::steady_clock::now();
+    std::vector<std::uint8_t> out;
+    for (int i = 0; i < 5000; ++i) {
+        const std::string key = "name" + std::to_string(i);
+        const std::vector<std::uint8_t> answer(12 + static_cast<std::size_t>(i % 50),
+                                               static_cast<std::uint8_t>(i));
+        cache.store(key, answer, {}, 60s, now);
+        // Every tenth answer is stored twice: the second replaces the first.
+        if (i % 10 == 0) {
+            cache.store(key, answer, {}, 60s, now);
+        }
+    }
+    EXPECT_EQ(cache.size(), 1000u);
+    for (int i = 0; i < 5000; ++i) {
+        const bool found = cache.lookup("name" + std::to_string(i), now, out);
+        EXPECT_EQ(found, i >= 4000) << i;
+        if (found) {
+            EXPECT_EQ(out.size(), 12u + static_cast<std::size_t>(i % 50));
+            EXPECT_EQ(out.back(), static_cast<std::uint8_t>(i));
+        }
+    }
+    // Expired answers leave on lookup and their room is used again.
+    for (int i = 4000; i < 4500; ++i) {
+        EXPECT_FALSE(cache.lookup("name" + std::to_string(i), now + 61s, out));
+    }
+    EXPECT_EQ(cache.size(), 500u);
+    cache.store("fresh", std::vector<std::uint8_t>(12, 1), {}, 60s, now);
+    EXPECT_TRUE(cache.lookup("fresh", now, out));
+    cache.clear();
+    EXPECT_EQ(cache.size(), 0u);
+    EXPECT_FALSE(cache.lookup("fresh", now, out));
+}
+
+TEST(AnswerCache, TtlsComeOutLoweredByTheTimeSpentInTheCache) {
+    AnswerCache cache(10);
+    const auto now = std::chrono::steady_clock::now();
+    std::vector<std::uint8_t> answer(20, 0);
+    writeU32(answer.data() + 4, 300);  // a record's TTL
+    writeU32(answer.data() + 12, 30);  // another, shorter
+    const std::vector<std::uint16_t> offsets = {4, 12};
+    cache.store("k", answer, offsets, 100s, now);  // kept for 100 s: TTLs above it are cut
+    std::vector<std::uint8_t> out;
+    ASSERT_TRUE(cache.lookup("k", now + 10s, out));
+    EXPECT_EQ(readU32(out.data() + 4), 90u);
+    EXPECT_EQ(readU32(out.data() + 12), 20u);
+    ASSERT_TRUE(cache.lookup("k", now + 40s, out));
+    EXPECT_EQ(readU32(out.data() + 12), 0u);
+}
+
 TEST(AnswerCache, TheDnssecBitsAreAPartOfTheQuestion) {
     std::string plain;
     std::string dnssec;
