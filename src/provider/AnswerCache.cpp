@@ -4,6 +4,7 @@
 #include <cstring>
 #include <functional>
 
+#include "provider/FreeSlots.h"
 #include "provider/QueryReader.h"
 
 namespace morvane::provider {
@@ -152,14 +153,7 @@ void AnswerCache::store(std::string_view key, std::span<const std::uint8_t> answ
     if ((count_ + removed_ + 1) * 3 > slots_.size() * 2 || (count_ + 1) * 3 > slots_.size()) {
         grow();
     }
-    std::uint32_t index;
-    if (!freeEntries_.empty()) {
-        index = freeEntries_.back();
-        freeEntries_.pop_back();
-    } else {
-        index = static_cast<std::uint32_t>(entries_.size());
-        entries_.emplace_back();
-    }
+    const std::uint32_t index = takeSlot(entries_, freeEntries_);
     Entry& entry = entries_[index];
     entry.hash = hash;
     entry.keyLength = static_cast<std::uint16_t>(key.size());

@@ -21,6 +21,7 @@
 #include "provider/AnswerCache.h"
 #include "provider/AnswerReader.h"
 #include "provider/Endpoint.h"
+#include "provider/FreeSlots.h"
 #include "provider/MessageWriter.h"
 #include "provider/QueryReader.h"
 #include "provider/RandomPool.h"
@@ -772,14 +773,7 @@ void Forwarder::Loop::handleQuery(const std::uint8_t* data, std::size_t length,
         return;
     }
 
-    std::uint32_t index;
-    if (!freeQueries_.empty()) {
-        index = freeQueries_.back();
-        freeQueries_.pop_back();
-    } else {
-        index = static_cast<std::uint32_t>(queries_.size());
-        queries_.emplace_back();
-    }
+    const std::uint32_t index = takeSlot(queries_, freeQueries_);
     Query& slot = queries_[index];
     slot.inUse = true;
     slot.client = query;
@@ -865,14 +859,7 @@ int Forwarder::Loop::upstreamSocketFor(const Endpoint& endpoint) {
     }
     const int bufferSize = 1 << 20;
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize);
-    std::uint32_t socketIndex;
-    if (!freeSockets_.empty()) {
-        socketIndex = freeSockets_.back();
-        freeSockets_.pop_back();
-    } else {
-        socketIndex = static_cast<std::uint32_t>(upstreamSockets_.size());
-        upstreamSockets_.emplace_back();
-    }
+    const std::uint32_t socketIndex = takeSlot(upstreamSockets_, freeSockets_);
     UpstreamSocket& upstream = upstreamSockets_[socketIndex];
     upstream.fd = fd;
     upstream.batch.setFd(fd);
@@ -971,14 +958,7 @@ void Forwarder::Loop::launchTcp(std::uint32_t index, std::size_t attemptIndex) {
         attemptFailed(index, attemptIndex);
         return;
     }
-    std::uint32_t connection;
-    if (!freeUpstreamTcp_.empty()) {
-        connection = freeUpstreamTcp_.back();
-        freeUpstreamTcp_.pop_back();
-    } else {
-        connection = static_cast<std::uint32_t>(upstreamTcp_.size());
-        upstreamTcp_.emplace_back();
-    }
+    const std::uint32_t connection = takeSlot(upstreamTcp_, freeUpstreamTcp_);
     UpstreamTcp& tcp = upstreamTcp_[connection];
     tcp.fd = fd;
     tcp.query = index;
@@ -1213,14 +1193,7 @@ void Forwarder::Loop::acceptClients() {
             ++counters_.dropped;
             continue;
         }
-        std::uint32_t index;
-        if (!freeTcpClients_.empty()) {
-            index = freeTcpClients_.back();
-            freeTcpClients_.pop_back();
-        } else {
-            index = static_cast<std::uint32_t>(tcpClients_.size());
-            tcpClients_.emplace_back();
-        }
+        const std::uint32_t index = takeSlot(tcpClients_, freeTcpClients_);
         TcpClient& client = tcpClients_[index];
         client.fd = fd;
         client.in.clear();
