@@ -1478,6 +1478,15 @@ std::string Forwarder::listeningAddress() const {
 }
 
 void Forwarder::setPolicy(Policy policy) {
+    {
+        // The agent hands the same policy over again on many of its passes; only a real
+        // change is worth the cache.
+        std::lock_guard lock(policyMutex_);
+        if (currentPolicy_ && *currentPolicy_ == policy) {
+            return;
+        }
+        currentPolicy_ = policy;
+    }
     std::vector<std::string> problems;
     auto router = std::make_shared<const Router>(policy, problems);
     if (options_.log) {

@@ -407,9 +407,16 @@ TEST_F(ForwarderTest, FlushAndAPolicyChangeEmptyTheCache) {
     forwarder->flush();
     ask("www.example.com");
     EXPECT_EQ(defaults.count(), 2u);
+    // The same policy again is no change: the answer stays.
     forwarder->setPolicy(standardPolicy());
     ask("www.example.com");
+    EXPECT_EQ(defaults.count(), 2u);
+    Policy changed = standardPolicy();
+    changed.locationTag = "office-8";
+    forwarder->setPolicy(changed);
+    ask("www.example.com");
     EXPECT_EQ(defaults.count(), 3u);
+    EXPECT_EQ(defaults.received().back().options.at(65073), "office-8");
     EXPECT_EQ(forwarder->stats().cacheEntries, 1u);
 }
 
