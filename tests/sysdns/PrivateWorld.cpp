@@ -97,6 +97,13 @@ bool PrivateSystemBus::start(std::string& error) {
         return false;
     }
     std::filesystem::create_directories(folder_);
+    // Daemons on the bus drop their privileges before they connect (resolved runs as its own
+    // user): the way to the socket must be open to them.
+    for (auto folder = folder_; folder.has_relative_path() && folder != "/tmp";
+         folder = folder.parent_path()) {
+        std::error_code ignored;
+        std::filesystem::permissions(folder, std::filesystem::perms(0755), ignored);
+    }
     const auto config = folder_ / "bus.conf";
     std::ofstream(config)
         << R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
