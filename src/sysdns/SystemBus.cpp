@@ -85,6 +85,38 @@ bool SystemBus::call(const std::string& destination, const std::string& path,
     return true;
 }
 
+sd_bus_message* SystemBus::newCall(const std::string& destination, const std::string& path,
+                                   const std::string& interface, const std::string& member) {
+    sd_bus_message* request = nullptr;
+    if (sd_bus_message_new_method_call(bus_, &request, destination.c_str(), path.c_str(),
+                                       interface.c_str(), member.c_str()) < 0) {
+        return nullptr;
+    }
+    sd_bus_message_set_auto_start(request, 0);
+    return request;
+}
+
+bool SystemBus::send(sd_bus_message* request, const ReplyReader& reader, std::string& error) {
+    MessageHolder owned;
+    owned.message = request;
+    const char* member = sd_bus_message_get_member(request);
+    const std::string name = member != nullptr ? member : "call";
+    ErrorHolder callError;
+    MessageHolder reply;
+    const int result = sd_bus_call(bus_, request, 0, &callError.error, &reply.message);
+    if (result < 0) {
+        error =
+            name + " failed: " +
+            (callError.error.message != nullptr ? callError.error.message : busErrorText(result));
+        return false;
+    }
+    if (reader && !reader(reply.message)) {
+        error = name + " gave a reply of an unexpected form";
+        return false;
+    }
+    return true;
+}
+
 bool SystemBus::getProperty(const std::string& destination, const std::string& path,
                             const std::string& interface, const std::string& property,
                             const std::string& signature, const ReplyReader& reader,

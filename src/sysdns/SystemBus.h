@@ -38,6 +38,12 @@ public:
                      const std::string& interface, const std::string& property,
                      const std::string& signature, const ReplyReader& reader, std::string& error);
 
+    /// A method call to fill by hand (for arguments copied from another message); nullptr on
+    /// failure. `send` takes it over.
+    sd_bus_message* newCall(const std::string& destination, const std::string& path,
+                            const std::string& interface, const std::string& member);
+    bool send(sd_bus_message* request, const ReplyReader& reader, std::string& error);
+
     sd_bus* handle() const { return bus_; }
 
 private:

@@ -1,0 +1,436 @@
+#include "sysdns/NetworkManagerSwitch.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <systemd/sd-bus.h>
+
+#include <algorithm>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "sysdns/Files.h"
+#include "sysdns/ResolvConf.h"
+#include "sysdns/SystemBus.h"
+
+namespace morvane::sysdns {
+
+namespace {
+
+constexpr const char* kService = "org.freedesktop.NetworkManager";
+constexpr const char* kPath = "/org/freedesktop/NetworkManager";
+constexpr const char* kManager = "org.freedesktop.NetworkManager";
+constexpr const char* kDevice = "org.freedesktop.NetworkManager.Device";
+
+bool readText(sd_bus_message* reply, const char* type, std::string& value) {
+    const char* text = nullptr;
+    if (sd_bus_message_read(reply, type, &text) < 0) {
+        return false;
+    }
+    value = text != nullptr ? text : "";
+    return true;
+}
+
+// Appends {key: variant} to an open a{sv}.
+template <typename Fill>
+bool appendEntry(sd_bus_message* m, const char* key, const char* signature, Fill fill) {
+    return sd_bus_message_open_container(m, 'e', "sv") >= 0 &&
+           sd_bus_message_append(m, "s", key) >= 0 &&
+           sd_bus_message_open_container(m, 'v', signature) >= 0 && fill() &&
+           sd_bus_message_close_container(m) >= 0 && sd_bus_message_close_container(m) >= 0;
+}
+
+bool isDnsKey(const std::string& key) {
+    return key == "dns" || key == "dns-data" || key == "ignore-auto-dns" || key == "dns-priority";
+}
+
+}  // namespace
+
+struct NetworkManagerSwitch::Record {
+    std::string proxyAddress;
+    std::vector<std::string> originalServers;
+    std::vector<std::pair<std::string, std::string>> devices;  // object path, interface
+};
+
+NetworkManagerSwitch::NetworkManagerSwitch(Options options) : options_(std::move(options)) {
+    Record record;
+    if (loadRecord(record)) {
+        originalServers_ = record.originalServers;
+    }
+}
+
+NetworkManagerSwitch::~NetworkManagerSwitch() = default;
+
+void NetworkManagerSwitch::log(const std::string& line) const {
+    if (options_.log) {
+        options_.log(line);
+    }
+}
+
+bool NetworkManagerSwitch::loadRecord(Record& record) const {
+    const auto text = readWholeFile(options_.stateDirectory / "networkmanager.json");
+    if (!text) {
+        return false;
+    }
+    const auto json = nlohmann::json::parse(*text, nullptr, false);
+    if (!json.is_object()) {
+        return false;
+    }
+    record.proxyAddress = json.value("proxyAddress", std::string());
+    for (const auto& server : json.value("originalServers", nlohmann::json::array())) {
+        if (server.is_string()) {
+            record.originalServers.push_back(server.get<std::string>());
+        }
+    }
+    for (const auto& device : json.value("devices", nlohmann::json::array())) {
+        if (device.is_object()) {
+            record.devices.emplace_back(device.value("path", std::string()),
+                                        device.value("interface", std::string()));
+        }
+    }
+    return true;
+}
+
+bool NetworkManagerSwitch::saveRecord(const Record& record, std::string& error) const {
+    nlohmann::json devices = nlohmann::json::array();
+    for (const auto& [path, interface] : record.devices) {
+        devices.push_back({{"path", path}, {"interface", interface}});
+    }
+    const nlohmann::json json{{"proxyAddress", record.proxyAddress},
+                              {"originalServers", record.originalServers},
+                              {"devices", devices}};
+    return writeFileAtomically(options_.stateDirectory / "networkmanager.json", json.dump(), 0600,
+                               error);
+}
+
+bool NetworkManagerSwitch::connect(std::string& error) {
+    if (!bus_) {
+        bus_ = SystemBus::open(options_.busTimeout, error);
+    }
+    return bus_ != nullptr;
+}
+
+bool NetworkManagerSwitch::activeDevices(std::vector<Device>& result, std::string& error) {
+    if (!connect(error)) {
+        return false;
+    }
+    std::vector<std::string> paths;
+    if (!bus_->call(
+            kService, kPath, kManager, "GetDevices", {},
+            [&](sd_bus_message* reply) {
+                if (sd_bus_message_enter_container(reply, 'a', "o") < 0) {
+                    return false;
+                }
+                const char* path = nullptr;
+                while (sd_bus_message_read(reply, "o", &path) > 0) {
+                    paths.emplace_back(path);
+                }
+                return sd_bus_message_exit_container(reply) >= 0;
+            },
+            error)) {
+        return false;
+    }
+    result.clear();
+    for (const auto& path : paths) {
+        Device device{path, {}, {}, {}};
+        std::string active;
+        const auto property = [&](const char* name, const char* type, std::string& value) {
+            return bus_->getProperty(
+                kService, path, kDevice, name, type,
+                [&](sd_bus_message* reply) { return readText(reply, type, value); }, error);
+        };
+        if (!property("ActiveConnection", "o", active) ||
+            !property("Interface", "s", device.interface) ||
+            !property("Ip4Config", "o", device.ip4Config) ||
+            !property("Ip6Config", "o", device.ip6Config)) {
+            return false;
+        }
+        if (active != "/" && device.interface != "lo") {
+            result.push_back(device);
+        }
+    }
+    return true;
+}
+
+bool NetworkManagerSwitch::deviceServers(const Device& device, std::vector<std::string>& result,
+                                         std::string& error) {
+    result.clear();
+    if (device.ip4Config != "/" && !device.ip4Config.empty()) {
+        const bool ok = bus_->getProperty(
+            kService, device.ip4Config, "org.freedesktop.NetworkManager.IP4Config",
+            "NameserverData", "aa{sv}",
+            [&](sd_bus_message* reply) {
+                if (sd_bus_message_enter_container(reply, 'a', "a{sv}") < 0) {
+                    return false;
+                }
+                while (sd_bus_message_enter_container(reply, 'a', "{sv}") > 0) {
+                    while (sd_bus_message_enter_container(reply, 'e', "sv") > 0) {
+                        std::string key;
+                        if (!readText(reply, "s", key)) {
+                            return false;
+                        }
+                        if (key == "address" &&
+                            sd_bus_message_enter_container(reply, 'v', "s") > 0) {
+                            std::string address;
+                            if (!readText(reply, "s", address)) {
+                                return false;
+                            }
+                            result.push_back(address);
+                            sd_bus_message_exit_container(reply);
+                        } else {
+                            sd_bus_message_skip(reply, "v");
+                        }
+                        sd_bus_message_exit_container(reply);
+                    }
+                    sd_bus_message_exit_container(reply);
+                }
+                return sd_bus_message_exit_container(reply) >= 0;
+            },
+            error);
+        if (!ok) {
+            return false;
+        }
+    }
+    if (device.ip6Config != "/" && !device.ip6Config.empty()) {
+        return bus_->getProperty(
+            kService, device.ip6Config, "org.freedesktop.NetworkManager.IP6Config", "Nameservers",
+            "aay",
+            [&](sd_bus_message* reply) {
+                if (sd_bus_message_enter_container(reply, 'a', "ay") < 0) {
+                    return false;
+                }
+                const void* bytes = nullptr;
+                std::size_t size = 0;
+                while (sd_bus_message_read_array(reply, 'y', &bytes, &size) > 0) {
+                    char text[INET6_ADDRSTRLEN] = {};
+                    if (size == 16 && ::inet_ntop(AF_INET6, bytes, text, sizeof text)) {
+                        result.emplace_back(text);
+                    }
+                }
+                return sd_bus_message_exit_container(reply) >= 0;
+            },
+            error);
+    }
+    return true;
+}
+
+bool NetworkManagerSwitch::reapplyWithProxy(const Device& device, const SwitchTarget& target,
+                                            std::string& error) {
+    in_addr v4{};
+    in6_addr v6{};
+    const bool isV4 = ::inet_pton(AF_INET, target.address.c_str(), &v4) == 1;
+    if (!isV4 && ::inet_pton(AF_INET6, target.address.c_str(), &v6) != 1) {
+        error = "Not an IP address: " + target.address;
+        return false;
+    }
+    sd_bus_message* reapply = nullptr;
+    const bool read = bus_->call(
+        kService, device.path, kDevice, "GetAppliedConnection",
+        [](sd_bus_message* m) { return sd_bus_message_append(m, "u", 0u) >= 0; },
+        [&](sd_bus_message* reply) {
+            reapply = bus_->newCall(kService, device.path, kDevice, "Reapply");
+            sd_bus_message* m = reapply;
+            if (m == nullptr || sd_bus_message_enter_container(reply, 'a', "{sa{sv}}") < 0 ||
+                sd_bus_message_open_container(m, 'a', "{sa{sv}}") < 0) {
+                return false;
+            }
+            while (sd_bus_message_enter_container(reply, 'e', "sa{sv}") > 0) {
+                std::string setting;
+                if (!readText(reply, "s", setting) ||
+                    sd_bus_message_open_container(m, 'e', "sa{sv}") < 0 ||
+                    sd_bus_message_append(m, "s", setting.c_str()) < 0 ||
+                    sd_bus_message_open_container(m, 'a', "{sv}") < 0 ||
+                    sd_bus_message_enter_container(reply, 'a', "{sv}") < 0) {
+                    return false;
+                }
+                const bool ip = setting == "ipv4" || setting == "ipv6";
+                while (sd_bus_message_enter_container(reply, 'e', "sv") > 0) {
+                    std::string key;
+                    if (!readText(reply, "s", key)) {
+                        return false;
+                    }
+                    if (ip && isDnsKey(key)) {
+                        sd_bus_message_skip(reply, "v");
+                    } else if (sd_bus_message_open_container(m, 'e', "sv") < 0 ||
+                               sd_bus_message_append(m, "s", key.c_str()) < 0 ||
+                               sd_bus_message_copy(m, reply, false) < 0 ||
+                               sd_bus_message_close_container(m) < 0) {
+                        return false;
+                    }
+                    sd_bus_message_exit_container(reply);
+                }
+                sd_bus_message_exit_container(reply);
+                if (setting == "ipv4") {
+                    const bool ok =
+                        appendEntry(m, "dns", "au",
+                                    [&] {
+                                        return isV4 ? sd_bus_message_append(m, "au", 1,
+                                                                            v4.s_addr) >= 0
+                                                    : sd_bus_message_append(m, "au", 0) >= 0;
+                                    }) &&
+                        appendEntry(m, "ignore-auto-dns", "b",
+                                    [&] { return sd_bus_message_append(m, "b", 1) >= 0; }) &&
+                        appendEntry(m, "dns-priority", "i",
+                                    [&] { return sd_bus_message_append(m, "i", -1000) >= 0; });
+                    if (!ok) {
+                        return false;
+                    }
+                } else if (setting == "ipv6") {
+                    const bool ok =
+                        appendEntry(
+                            m, "dns", "aay",
+                            [&] {
+                                if (sd_bus_message_open_container(m, 'a', "ay") < 0) {
+                                    return false;
+                                }
+                                if (!isV4 && sd_bus_message_append_array(m, 'y', &v6, 16) < 0) {
+                                    return false;
+                                }
+                                return sd_bus_message_close_container(m) >= 0;
+                            }) &&
+                        appendEntry(m, "ignore-auto-dns", "b",
+                                    [&] { return sd_bus_message_append(m, "b", 1) >= 0; }) &&
+                        appendEntry(m, "dns-priority", "i",
+                                    [&] { return sd_bus_message_append(m, "i", -1000) >= 0; });
+                    if (!ok) {
+                        return false;
+                    }
+                }
+                if (sd_bus_message_close_container(m) < 0 ||
+                    sd_bus_message_close_container(m) < 0) {
+                    return false;
+                }
+                sd_bus_message_exit_container(reply);
+            }
+            std::uint64_t version = 0;
+            return sd_bus_message_exit_container(reply) >= 0 &&
+                   sd_bus_message_close_container(m) >= 0 &&
+                   sd_bus_message_read(reply, "t", &version) >= 0 &&
+                   sd_bus_message_append(m, "tu", version, 0u) >= 0;
+        },
+        error);
+    if (!read) {
+        sd_bus_message_unref(reapply);
+        return false;
+    }
+    return bus_->send(reapply, {}, error);
+}
+
+bool NetworkManagerSwitch::apply(const SwitchTarget& target, std::string& error) {
+    std::lock_guard lock(mutex_);
+    if (target.port != 53) {
+        error =
+            "NetworkManager can only name servers on port 53, not " + std::to_string(target.port);
+        return false;
+    }
+    std::vector<Device> devices;
+    if (!activeDevices(devices, error)) {
+        return false;
+    }
+    Record record;
+    if (!loadRecord(record)) {
+        record.proxyAddress = target.address;
+        std::vector<std::string> candidates;
+        for (const auto& device : devices) {
+            std::vector<std::string> servers;
+            if (!deviceServers(device, servers, error)) {
+                return false;
+            }
+            candidates.insert(candidates.end(), servers.begin(), servers.end());
+        }
+        record.originalServers = networkServers(candidates, target.address);
+        originalServers_ = record.originalServers;
+        std::string list;
+        for (const auto& server : originalServers_) {
+            list += (list.empty() ? "" : " ") + server;
+        }
+        log("The network's own DNS servers before the switch: " + (list.empty() ? "none" : list));
+    }
+    for (const auto& device : devices) {
+        const auto entry = std::make_pair(device.path, device.interface);
+        if (std::find(record.devices.begin(), record.devices.end(), entry) ==
+            record.devices.end()) {
+            record.devices.push_back(entry);
+        }
+    }
+    // Recorded before anything changes, so that a crash at any point can be undone.
+    if (!saveRecord(record, error)) {
+        return false;
+    }
+    for (const auto& device : devices) {
+        if (!reapplyWithProxy(device, target, error)) {
+            error = device.interface + ": " + error;
+            return false;
+        }
+    }
+    applied_ = target;
+    return true;
+}
+
+bool NetworkManagerSwitch::restore(std::string& error) {
+    std::lock_guard lock(mutex_);
+    Record record;
+    if (!loadRecord(record)) {
+        applied_.reset();
+        return true;
+    }
+    if (!connect(error)) {
+        return false;
+    }
+    if (!bus_->nameHasOwner(kService)) {
+        // Not running: it starts again from the profiles, which the switch never changed.
+        log("NetworkManager does not answer; its devices start again from their profiles");
+    } else {
+        for (const auto& [path, interface] : record.devices) {
+            std::string failure;
+            // An empty connection makes the device take its profile's settings again.
+            const bool ok = bus_->call(
+                kService, path, kDevice, "Reapply",
+                [](sd_bus_message* m) {
+                    return sd_bus_message_append(m, "a{sa{sv}}tu", 0, std::uint64_t{0}, 0u) >= 0;
+                },
+                {}, failure);
+            if (!ok) {
+                // The device may be gone, or run another connection by now: either way it no
+                // longer carries the switch's settings.
+                log("Device " + interface + " was not reapplied: " + failure);
+            }
+        }
+    }
+    std::error_code ignored;
+    std::filesystem::remove(options_.stateDirectory / "networkmanager.json", ignored);
+    applied_.reset();
+    log("Gave NetworkManager's devices their own DNS settings back");
+    return true;
+}
+
+std::vector<std::string> NetworkManagerSwitch::originalServers() const {
+    std::lock_guard lock(mutex_);
+    return originalServers_;
+}
+
+bool NetworkManagerSwitch::stillApplied() {
+    std::lock_guard lock(mutex_);
+    if (!applied_) {
+        return true;
+    }
+    const auto file = readWholeFile(options_.resolvConf);
+    if (!file ||
+        ResolvConf::parse(*file).nameservers != std::vector<std::string>{applied_->address}) {
+        return false;
+    }
+    std::vector<Device> devices;
+    std::string error;
+    if (!activeDevices(devices, error)) {
+        return false;
+    }
+    for (const auto& device : devices) {
+        std::vector<std::string> servers;
+        if (!deviceServers(device, servers, error) ||
+            servers != std::vector<std::string>{applied_->address}) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace morvane::sysdns
