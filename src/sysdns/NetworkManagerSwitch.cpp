@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "sysdns/Files.h"
+#include "sysdns/NetworkManagerSettings.h"
 #include "sysdns/ResolvConf.h"
 #include "sysdns/SystemBus.h"
 
@@ -28,19 +29,6 @@ bool readText(sd_bus_message* reply, const char* type, std::string& value) {
     }
     value = text != nullptr ? text : "";
     return true;
-}
-
-// Appends {key: variant} to an open a{sv}.
-template <typename Fill>
-bool appendEntry(sd_bus_message* m, const char* key, const char* signature, Fill fill) {
-    return sd_bus_message_open_container(m, 'e', "sv") >= 0 &&
-           sd_bus_message_append(m, "s", key) >= 0 &&
-           sd_bus_message_open_container(m, 'v', signature) >= 0 && fill() &&
-           sd_bus_message_close_container(m) >= 0 && sd_bus_message_close_container(m) >= 0;
-}
-
-bool isDnsKey(const std::string& key) {
-    return key == "dns" || key == "dns-data" || key == "ignore-auto-dns" || key == "dns-priority";
 }
 
 }  // namespace
@@ -215,97 +203,27 @@ bool NetworkManagerSwitch::deviceServers(const Device& device, std::vector<std::
 
 bool NetworkManagerSwitch::reapplyWithProxy(const Device& device, const SwitchTarget& target,
                                             std::string& error) {
-    in_addr v4{};
-    in6_addr v6{};
-    const bool isV4 = ::inet_pton(AF_INET, target.address.c_str(), &v4) == 1;
-    if (!isV4 && ::inet_pton(AF_INET6, target.address.c_str(), &v6) != 1) {
+    in6_addr parsed{};
+    if (::inet_pton(AF_INET, target.address.c_str(), &parsed) != 1 &&
+        ::inet_pton(AF_INET6, target.address.c_str(), &parsed) != 1) {
         error = "Not an IP address: " + target.address;
         return false;
     }
+    DnsOverride dns;
+    dns.servers = {target.address};
+    dns.ignoreAutoDns = true;
+    // Ahead of any other connection's servers, should NetworkManager merge some in.
+    dns.priority = -1000;
     sd_bus_message* reapply = nullptr;
     const bool read = bus_->call(
         kService, device.path, kDevice, "GetAppliedConnection",
         [](sd_bus_message* m) { return sd_bus_message_append(m, "u", 0u) >= 0; },
         [&](sd_bus_message* reply) {
             reapply = bus_->newCall(kService, device.path, kDevice, "Reapply");
-            sd_bus_message* m = reapply;
-            if (m == nullptr || sd_bus_message_enter_container(reply, 'a', "{sa{sv}}") < 0 ||
-                sd_bus_message_open_container(m, 'a', "{sa{sv}}") < 0) {
-                return false;
-            }
-            while (sd_bus_message_enter_container(reply, 'e', "sa{sv}") > 0) {
-                std::string setting;
-                if (!readText(reply, "s", setting) ||
-                    sd_bus_message_open_container(m, 'e', "sa{sv}") < 0 ||
-                    sd_bus_message_append(m, "s", setting.c_str()) < 0 ||
-                    sd_bus_message_open_container(m, 'a', "{sv}") < 0 ||
-                    sd_bus_message_enter_container(reply, 'a', "{sv}") < 0) {
-                    return false;
-                }
-                const bool ip = setting == "ipv4" || setting == "ipv6";
-                while (sd_bus_message_enter_container(reply, 'e', "sv") > 0) {
-                    std::string key;
-                    if (!readText(reply, "s", key)) {
-                        return false;
-                    }
-                    if (ip && isDnsKey(key)) {
-                        sd_bus_message_skip(reply, "v");
-                    } else if (sd_bus_message_open_container(m, 'e', "sv") < 0 ||
-                               sd_bus_message_append(m, "s", key.c_str()) < 0 ||
-                               sd_bus_message_copy(m, reply, false) < 0 ||
-                               sd_bus_message_close_container(m) < 0) {
-                        return false;
-                    }
-                    sd_bus_message_exit_container(reply);
-                }
-                sd_bus_message_exit_container(reply);
-                if (setting == "ipv4") {
-                    const bool ok =
-                        appendEntry(m, "dns", "au",
-                                    [&] {
-                                        return isV4 ? sd_bus_message_append(m, "au", 1,
-                                                                            v4.s_addr) >= 0
-                                                    : sd_bus_message_append(m, "au", 0) >= 0;
-                                    }) &&
-                        appendEntry(m, "ignore-auto-dns", "b",
-                                    [&] { return sd_bus_message_append(m, "b", 1) >= 0; }) &&
-                        appendEntry(m, "dns-priority", "i",
-                                    [&] { return sd_bus_message_append(m, "i", -1000) >= 0; });
-                    if (!ok) {
-                        return false;
-                    }
-                } else if (setting == "ipv6") {
-                    const bool ok =
-                        appendEntry(
-                            m, "dns", "aay",
-                            [&] {
-                                if (sd_bus_message_open_container(m, 'a', "ay") < 0) {
-                                    return false;
-                                }
-                                if (!isV4 && sd_bus_message_append_array(m, 'y', &v6, 16) < 0) {
-                                    return false;
-                                }
-                                return sd_bus_message_close_container(m) >= 0;
-                            }) &&
-                        appendEntry(m, "ignore-auto-dns", "b",
-                                    [&] { return sd_bus_message_append(m, "b", 1) >= 0; }) &&
-                        appendEntry(m, "dns-priority", "i",
-                                    [&] { return sd_bus_message_append(m, "i", -1000) >= 0; });
-                    if (!ok) {
-                        return false;
-                    }
-                }
-                if (sd_bus_message_close_container(m) < 0 ||
-                    sd_bus_message_close_container(m) < 0) {
-                    return false;
-                }
-                sd_bus_message_exit_container(reply);
-            }
             std::uint64_t version = 0;
-            return sd_bus_message_exit_container(reply) >= 0 &&
-                   sd_bus_message_close_container(m) >= 0 &&
+            return reapply != nullptr && copyConnectionWithDns(reply, reapply, dns) &&
                    sd_bus_message_read(reply, "t", &version) >= 0 &&
-                   sd_bus_message_append(m, "tu", version, 0u) >= 0;
+                   sd_bus_message_append(reapply, "tu", version, 0u) >= 0;
         },
         error);
     if (!read) {
