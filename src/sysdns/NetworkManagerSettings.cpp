@@ -123,7 +123,8 @@ bool readConnection(sd_bus_message* from, ConnectionSummary& summary) {
     }
     while (sd_bus_message_enter_container(from, 'e', "sa{sv}") > 0) {
         std::string setting;
-        if (!readText(from, "s", setting) || sd_bus_message_enter_container(from, 'a', "{sv}") < 0) {
+        if (!readText(from, "s", setting) ||
+            sd_bus_message_enter_container(from, 'a', "{sv}") < 0) {
             return false;
         }
         while (sd_bus_message_enter_container(from, 'e', "sv") > 0) {
@@ -139,7 +140,7 @@ bool readConnection(sd_bus_message* from, ConnectionSummary& summary) {
                        : key == "interface-name" ? &summary.interface
                                                  : nullptr;
             } else if (key == "method") {
-                text = setting == "ipv4" ? &summary.ipv4Method
+                text = setting == "ipv4"   ? &summary.ipv4Method
                        : setting == "ipv6" ? &summary.ipv6Method
                                            : nullptr;
             }
