@@ -274,15 +274,28 @@ bool ResolvedSwitch::apply(const SwitchTarget& target, std::string& error) {
         log("The network's own DNS servers before the switch: " + (list.empty() ? "none" : list));
     }
     const int ifindex = OwnLink::ensure(record.link, error);
-    if (ifindex == 0 || !configureOwnLink(ifindex, target, error)) {
+    if (ifindex == 0) {
         return false;
     }
-    // Every other link with servers would still get queries in parallel: they lose the
-    // default route (their routing domains, if any, still apply: split DNS stays intact).
     std::vector<Server> known;
     if (!servers(known, error)) {
         return false;
     }
+    // Setting the link again while it is right would make resolved start over with its
+    // server (probing it anew): when re-asserting, only what was taken is given again.
+    bool ownInPlace = false;
+    for (const auto& server : known) {
+        ownInPlace = ownInPlace || (server.ifindex == ifindex && server.address == target.address &&
+                                    server.port == target.port);
+    }
+    bool ownDefaultRoute = false;
+    if (!ownInPlace || !linkDefaultRoute(ifindex, ownDefaultRoute, error) || !ownDefaultRoute) {
+        if (!configureOwnLink(ifindex, target, error)) {
+            return false;
+        }
+    }
+    // Every other link with servers would still get queries in parallel: they lose the
+    // default route (their routing domains, if any, still apply: split DNS stays intact).
     for (const auto& server : known) {
         if (server.ifindex <= 0 || server.ifindex == ifindex) {
             continue;
