@@ -1,9 +1,6 @@
 #include "sysdns/ResolvedSwitch.h"
 
-#include <arpa/inet.h>
 #include <net/if.h>
-#include <sys/socket.h>
-#include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -11,24 +8,12 @@
 #include "sysdns/Files.h"
 #include "sysdns/OwnLink.h"
 #include "sysdns/ResolvConf.h"
+#include "sysdns/ResolvedClient.h"
 #include "sysdns/SystemBus.h"
 
 namespace morvane::sysdns {
 
 namespace {
-
-constexpr const char* kService = "org.freedesktop.resolve1";
-constexpr const char* kPath = "/org/freedesktop/resolve1";
-constexpr const char* kManager = "org.freedesktop.resolve1.Manager";
-constexpr const char* kLink = "org.freedesktop.resolve1.Link";
-
-std::string addressText(int family, const void* bytes, std::size_t size) {
-    char text[INET6_ADDRSTRLEN] = {};
-    if ((family == AF_INET && size == 4) || (family == AF_INET6 && size == 16)) {
-        ::inet_ntop(family, bytes, text, sizeof text);
-    }
-    return text;
-}
 
 std::string linkName(int ifindex) {
     char name[IF_NAMESIZE] = {};
@@ -103,142 +88,26 @@ bool ResolvedSwitch::saveRecord(const Record& record, std::string& error) const 
 }
 
 bool ResolvedSwitch::connect(std::string& error) {
-    if (!bus_) {
-        bus_ = SystemBus::open(options_.busTimeout, error);
+    if (!resolved_) {
+        if (auto bus = SystemBus::open(options_.busTimeout, error)) {
+            resolved_ = std::make_unique<ResolvedClient>(std::move(bus));
+        }
     }
-    return bus_ != nullptr;
-}
-
-bool ResolvedSwitch::linkPath(int ifindex, std::string& path, std::string& error) {
-    return bus_->call(
-        kService, kPath, kManager, "GetLink",
-        [&](sd_bus_message* m) { return sd_bus_message_append(m, "i", ifindex) >= 0; },
-        [&](sd_bus_message* reply) {
-            const char* text = nullptr;
-            if (sd_bus_message_read(reply, "o", &text) < 0) {
-                return false;
-            }
-            path = text;
-            return true;
-        },
-        error);
+    return resolved_ != nullptr;
 }
 
 bool ResolvedSwitch::servers(std::vector<Server>& result, std::string& error) {
-    if (!connect(error)) {
-        return false;
-    }
-    result.clear();
-    // Link by link: the manager's list of all servers does not tell their links apart
-    // reliably in every version.
-    struct if_nameindex* links = ::if_nameindex();
-    if (links == nullptr) {
-        error = "Cannot list the network links";
-        return false;
-    }
-    bool ok = true;
-    for (auto* link = links; ok && link->if_index != 0; ++link) {
-        const int ifindex = static_cast<int>(link->if_index);
-        std::string path;
-        std::string ignored;
-        if (!linkPath(ifindex, path, ignored)) {
-            continue;  // resolved does not manage it (loopback)
-        }
-        ok = bus_->getProperty(
-            kService, path, kLink, "DNSEx", "a(iayqs)",
-            [&](sd_bus_message* reply) {
-                if (sd_bus_message_enter_container(reply, 'a', "(iayqs)") < 0) {
-                    return false;
-                }
-                while (sd_bus_message_enter_container(reply, 'r', "iayqs") > 0) {
-                    int family = 0;
-                    const void* bytes = nullptr;
-                    std::size_t size = 0;
-                    std::uint16_t port = 0;
-                    const char* serverName = nullptr;
-                    if (sd_bus_message_read(reply, "i", &family) < 0 ||
-                        sd_bus_message_read_array(reply, 'y', &bytes, &size) < 0 ||
-                        sd_bus_message_read(reply, "qs", &port, &serverName) < 0 ||
-                        sd_bus_message_exit_container(reply) < 0) {
-                        return false;
-                    }
-                    result.push_back({ifindex, addressText(family, bytes, size),
-                                      static_cast<std::uint16_t>(port == 0 ? 53 : port)});
-                }
-                return sd_bus_message_exit_container(reply) >= 0;
-            },
-            error);
-    }
-    ::if_freenameindex(links);
-    return ok;
-}
-
-bool ResolvedSwitch::linkDefaultRoute(int ifindex, bool& value, std::string& error) {
-    std::string path;
-    if (!linkPath(ifindex, path, error)) {
-        return false;
-    }
-    return bus_->getProperty(
-        kService, path, kLink, "DefaultRoute", "b",
-        [&](sd_bus_message* reply) {
-            int flag = 0;
-            if (sd_bus_message_read(reply, "b", &flag) < 0) {
-                return false;
-            }
-            value = flag != 0;
-            return true;
-        },
-        error);
-}
-
-bool ResolvedSwitch::setLinkDefaultRoute(int ifindex, bool value, std::string& error) {
-    return bus_->call(
-        kService, kPath, kManager, "SetLinkDefaultRoute",
-        [&](sd_bus_message* m) { return sd_bus_message_append(m, "ib", ifindex, value) >= 0; }, {},
-        error);
+    return connect(error) && resolved_->allLinkServers(result, error);
 }
 
 bool ResolvedSwitch::configureOwnLink(int ifindex, const SwitchTarget& target, std::string& error) {
-    unsigned char bytes[16] = {};
-    int family = AF_INET;
-    std::size_t size = 4;
-    if (::inet_pton(AF_INET, target.address.c_str(), bytes) != 1) {
-        family = AF_INET6;
-        size = 16;
-        if (::inet_pton(AF_INET6, target.address.c_str(), bytes) != 1) {
-            error = "Not an IP address: " + target.address;
-            return false;
-        }
-    }
-    const auto setText = [&](const char* member, const char* value) {
-        return bus_->call(
-            kService, kPath, kManager, member,
-            [&](sd_bus_message* m) { return sd_bus_message_append(m, "is", ifindex, value) >= 0; },
-            {}, error);
-    };
-    return bus_->call(
-               kService, kPath, kManager, "SetLinkDNSEx",
-               [&](sd_bus_message* m) {
-                   return sd_bus_message_append(m, "i", ifindex) >= 0 &&
-                          sd_bus_message_open_container(m, 'a', "(iayqs)") >= 0 &&
-                          sd_bus_message_open_container(m, 'r', "iayqs") >= 0 &&
-                          sd_bus_message_append(m, "i", family) >= 0 &&
-                          sd_bus_message_append_array(m, 'y', bytes, size) >= 0 &&
-                          sd_bus_message_append(m, "qs", target.port, "") >= 0 &&
-                          sd_bus_message_close_container(m) >= 0 &&
-                          sd_bus_message_close_container(m) >= 0;
-               },
-               {}, error) &&
-           bus_->call(
-               kService, kPath, kManager, "SetLinkDomains",
-               [&](sd_bus_message* m) {
-                   return sd_bus_message_append(m, "ia(sb)", ifindex, 1, ".", 1) >= 0;
-               },
-               {}, error) &&
-           setLinkDefaultRoute(ifindex, true, error) &&
+    return resolved_->setLinkServers(ifindex, {{ifindex, target.address, target.port}}, error) &&
+           resolved_->setLinkDomains(ifindex, {{".", true}}, error) &&
+           resolved_->setDefaultRoute(ifindex, true, error) &&
            // Nothing but unicast DNS to the proxy leaves through this link.
-           setText("SetLinkLLMNR", "no") && setText("SetLinkMulticastDNS", "no") &&
-           setText("SetLinkDNSSEC", "no");
+           resolved_->setLinkText("SetLinkLLMNR", ifindex, "no", error) &&
+           resolved_->setLinkText("SetLinkMulticastDNS", ifindex, "no", error) &&
+           resolved_->setLinkText("SetLinkDNSSEC", ifindex, "no", error);
 }
 
 bool ResolvedSwitch::apply(const SwitchTarget& target, std::string& error) {
@@ -289,7 +158,8 @@ bool ResolvedSwitch::apply(const SwitchTarget& target, std::string& error) {
                                     server.port == target.port);
     }
     bool ownDefaultRoute = false;
-    if (!ownInPlace || !linkDefaultRoute(ifindex, ownDefaultRoute, error) || !ownDefaultRoute) {
+    if (!ownInPlace || !resolved_->defaultRoute(ifindex, ownDefaultRoute, error) ||
+        !ownDefaultRoute) {
         if (!configureOwnLink(ifindex, target, error)) {
             return false;
         }
@@ -301,7 +171,7 @@ bool ResolvedSwitch::apply(const SwitchTarget& target, std::string& error) {
             continue;
         }
         bool defaultRoute = false;
-        if (!linkDefaultRoute(server.ifindex, defaultRoute, error)) {
+        if (!resolved_->defaultRoute(server.ifindex, defaultRoute, error)) {
             return false;
         }
         if (!defaultRoute) {
@@ -315,12 +185,12 @@ bool ResolvedSwitch::apply(const SwitchTarget& target, std::string& error) {
                 return false;
             }
         }
-        if (!setLinkDefaultRoute(server.ifindex, false, error)) {
+        if (!resolved_->setDefaultRoute(server.ifindex, false, error)) {
             return false;
         }
         log("Link " + name + " no longer takes queries for all domains while the switch is on");
     }
-    bus_->call(kService, kPath, kManager, "FlushCaches", {}, {}, error);
+    resolved_->flushCaches(error);
     applied_ = target;
     return true;
 }
@@ -339,16 +209,16 @@ bool ResolvedSwitch::restore(std::string& error) {
         return false;
     }
     std::string busError;
-    if (connect(busError) && bus_->nameHasOwner(kService)) {
+    if (connect(busError) && resolved_->answers()) {
         for (const auto& [ifindex, name] : record.demoted) {
             if (name.empty() || linkName(ifindex) != name) {
                 continue;  // gone, or its index now belongs to another link
             }
-            if (!setLinkDefaultRoute(ifindex, true, busError)) {
+            if (!resolved_->setDefaultRoute(ifindex, true, busError)) {
                 log("Cannot give link " + name + " its default route back: " + busError);
             }
         }
-        bus_->call(kService, kPath, kManager, "FlushCaches", {}, {}, busError);
+        resolved_->flushCaches(busError);
     } else {
         // resolved is not running: it starts again without the settings of its last run.
         log("systemd-resolved does not answer; the links' settings go with its restart");
@@ -373,7 +243,7 @@ bool ResolvedSwitch::stillApplied() {
     const int own = OwnLink::index(options_.linkName);
     std::string error;
     std::vector<Server> known;
-    if (own == 0 || !bus_ || !servers(known, error)) {
+    if (own == 0 || !servers(known, error)) {
         return false;
     }
     bool ownServer = false;
@@ -385,12 +255,12 @@ bool ResolvedSwitch::stillApplied() {
         }
         bool defaultRoute = false;
         if (server.ifindex > 0 &&
-            (!linkDefaultRoute(server.ifindex, defaultRoute, error) || defaultRoute)) {
+            (!resolved_->defaultRoute(server.ifindex, defaultRoute, error) || defaultRoute)) {
             return false;
         }
     }
     bool ownDefaultRoute = false;
-    return ownServer && linkDefaultRoute(own, ownDefaultRoute, error) && ownDefaultRoute;
+    return ownServer && resolved_->defaultRoute(own, ownDefaultRoute, error) && ownDefaultRoute;
 }
 
 }  // namespace morvane::sysdns

@@ -11,10 +11,9 @@
 #include <vector>
 
 #include "sysdns/DnsSwitch.h"
+#include "sysdns/ResolvedClient.h"
 
 namespace morvane::sysdns {
-
-class SystemBus;
 
 /// The switch for machines where systemd-resolved is the resolver: a link of the provider's
 /// own carries the proxy as its DNS server with the routing domain "~." and the default route,
@@ -42,11 +41,7 @@ public:
 
     /// The servers resolved has for each link; for tests and the log. (Global servers from
     /// resolved.conf are not changed by the switch and not listed.)
-    struct Server {
-        int ifindex = 0;
-        std::string address;
-        std::uint16_t port = 53;
-    };
+    using Server = ResolvedClient::Server;
     bool servers(std::vector<Server>& result, std::string& error);
 
 private:
@@ -55,15 +50,12 @@ private:
     bool loadRecord(Record& record) const;
     bool saveRecord(const Record& record, std::string& error) const;
     std::filesystem::path recordPath() const;
-    bool linkPath(int ifindex, std::string& path, std::string& error);
-    bool linkDefaultRoute(int ifindex, bool& value, std::string& error);
-    bool setLinkDefaultRoute(int ifindex, bool value, std::string& error);
     bool configureOwnLink(int ifindex, const SwitchTarget& target, std::string& error);
     void log(const std::string& line) const;
 
     Options options_;
     mutable std::mutex mutex_;
-    std::shared_ptr<SystemBus> bus_;
+    std::unique_ptr<ResolvedClient> resolved_;
     std::vector<std::string> originalServers_;
     std::optional<SwitchTarget> applied_;
 };
