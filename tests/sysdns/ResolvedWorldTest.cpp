@@ -17,6 +17,7 @@
 #include "sysdns/OwnLink.h"
 #include "sysdns/PrivateWorld.h"
 #include "sysdns/ResolvedDaemon.h"
+#include "sysdns/ResolvedServices.h"
 #include "sysdns/ResolvedSwitch.h"
 #include "sysdns/SwitchGuard.h"
 #include "sysdns/TestDnsResponder.h"
@@ -235,6 +236,60 @@ MORVANE_CHILD_ROLE(resolvedWorld) {
     }
     WORLD_CHECK(oldAnswers(), settings());
     return 0;
+}
+
+// The links as the helper's network services, where NetworkManager does not run.
+MORVANE_CHILD_ROLE(resolvedServicesWorld) {
+    World world;
+    std::string error;
+    if (const int status = world.build(error); status != 0) {
+        std::cerr << error << "\n";
+        return status;
+    }
+    ResolvedServices::Options options;
+    options.lockFile = fs::path(std::getenv("MORVANE_SWITCH_STATE")) / "services.lock";
+    ResolvedServices services(options);
+    WORLD_CHECK(OwnLink::ensure("morvane0", error) != 0, error);  // the switch's, no service
+    std::vector<std::string> names;
+    for (const auto& service : services.currentServices()) {
+        names.push_back(service.identifier);
+    }
+    WORLD_CHECK((names == std::vector<std::string>{"net0p", "net0"} ||
+                 names == std::vector<std::string>{"net0", "net0p"}),
+                names.size());
+    WORLD_CHECK(services.service("net0")->dnsEnabled, "no DNS on net0");
+    WORLD_CHECK(!services.service("nosuchlink").has_value(), "a link from nowhere");
+    WORLD_CHECK(OwnLink::remove("morvane0", error), error);
+
+    const auto before = services.dnsConfiguration("net0");
+    WORLD_CHECK(before && before->serverAddresses == std::vector<std::string>{"127.0.0.2"},
+                settings());
+    services.lock();
+    WORLD_CHECK(
+        services.setDnsConfiguration("net0", DnsConfiguration{{"127.0.0.153"}, {"example.net"}}),
+        "refused");
+    services.unlock();
+    WORLD_CHECK(services.commitAndApply(), "commit failed");
+    WORLD_CHECK(proxyAnswers(), settings());
+    const auto changed = services.dnsConfiguration("net0");
+    WORLD_CHECK(changed && changed->serverAddresses == std::vector<std::string>{"127.0.0.153"} &&
+                    changed->searchDomains == std::vector<std::string>{"example.net"},
+                settings());
+
+    // None: the link goes back to what its manager gave it, here nothing.
+    WORLD_CHECK(services.setDnsConfiguration("net0", std::nullopt), "refused");
+    WORLD_CHECK(services.commitAndApply(), "commit failed");
+    WORLD_CHECK(!services.dnsConfiguration("net0").has_value(), settings());
+    return 0;
+}
+
+TEST(ResolvedWorld, LinksAreTheNetworkServicesWhereNetworkManagerDoesNotRun) {
+    std::string output;
+    const int status = ::morvane::test::runChild("resolvedServicesWorld", {}, &output);
+    if (status == kSkipStatus) {
+        GTEST_SKIP() << "systemd-resolved cannot run here: " << output;
+    }
+    EXPECT_EQ(status, 0) << output;
 }
 
 TEST(ResolvedWorld, EnableDisableTakeBackAndFiftyKilledHoldersAgainstTheRealResolved) {
