@@ -15,6 +15,7 @@
 #include "sysdns/PrivateWorld.h"
 #include "sysdns/ResolvConfSwitch.h"
 #include "sysdns/SwitchGuard.h"
+#include "sysdns/SystemSwitch.h"
 #include "sysdns/TestDnsResponder.h"
 
 namespace morvane::sysdns {
@@ -100,6 +101,18 @@ MORVANE_CHILD_ROLE(resolvConfWorld) {
         return status;
     }
     WORLD_CHECK(test::lookUp(kName, &error) == kOldAnswer, error);
+
+    // The machine is probed as one where the file decides: no system bus in this world (an
+    // address where nothing listens, never the machine's own bus).
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS",
+             ("unix:path=" + (world.dir.path() / "no-bus").string()).c_str(), 1);
+    {
+        SwitchEnvironment environment = SwitchEnvironment::system();
+        environment.stateDirectory = switchOptions().stateDirectory;
+        environment.durableDirectory = switchOptions().durableDirectory;
+        auto probed = makeSystemSwitch(environment);
+        WORLD_CHECK(probed->name() == "resolv.conf", probed->name());
+    }
 
     // Enable: the system resolver reaches the proxy.
     ResolvConfSwitch dnsSwitch(switchOptions());

@@ -20,6 +20,7 @@
 #include "sysdns/ResolvedServices.h"
 #include "sysdns/ResolvedSwitch.h"
 #include "sysdns/SwitchGuard.h"
+#include "sysdns/SystemSwitch.h"
 #include "sysdns/TestDnsResponder.h"
 
 namespace morvane::sysdns {
@@ -133,6 +134,10 @@ struct World {
             ::morvane::test::writeFile(fs::path("/proc/sys/net/ipv6/conf") / knob / "disable_ipv6",
                                        "1\n");
         }
+        if (::access("/usr/sbin/ip", X_OK) != 0) {
+            error = "the ip command (package iproute2) is not installed";
+            return kSkipStatus;
+        }
         if (run({"/usr/sbin/ip", "link", "add", "net0", "type", "veth", "peer", "name", "net0p"}) !=
                 0 ||
             run({"/usr/sbin/ip", "addr", "add", "10.53.0.1/24", "dev", "net0"}) != 0 ||
@@ -186,6 +191,13 @@ MORVANE_CHILD_ROLE(resolvedWorld) {
         return status;
     }
     const std::string before = settings();
+
+    // The machine is probed as resolved's.
+    {
+        SwitchEnvironment environment = SwitchEnvironment::system();
+        environment.stateDirectory = switchOptions().stateDirectory;
+        WORLD_CHECK(makeSystemSwitch(environment)->name() == "resolved", "wrong mechanism");
+    }
 
     ResolvedSwitch dnsSwitch(switchOptions());
     WORLD_CHECK(dnsSwitch.apply({"127.0.0.153", 53}, error), error);
