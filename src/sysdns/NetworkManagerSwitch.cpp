@@ -93,6 +93,13 @@ bool NetworkManagerSwitch::saveRecord(const Record& record, std::string& error) 
 bool NetworkManagerSwitch::connect(std::string& error) {
     if (!bus_) {
         bus_ = SystemBus::open(options_.busTimeout, error);
+        std::string ignored;
+        if (bus_) {
+            bus_->watchSignals(
+                "type='signal',sender='org.freedesktop.NetworkManager',"
+                "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged'",
+                ignored);
+        }
     }
     return bus_ != nullptr;
 }
@@ -349,6 +356,18 @@ bool NetworkManagerSwitch::stillApplied() {
         }
     }
     return true;
+}
+
+int NetworkManagerSwitch::changeDescriptor() {
+    std::lock_guard lock(mutex_);
+    return bus_ ? bus_->descriptor() : -1;
+}
+
+void NetworkManagerSwitch::takeChanges() {
+    std::lock_guard lock(mutex_);
+    if (bus_) {
+        bus_->takeSignals();
+    }
 }
 
 }  // namespace morvane::sysdns

@@ -42,6 +42,9 @@ public:
     bool restore(std::string& error) override;
     std::vector<std::string> originalServers() const override;
     bool stillApplied() override;
+    /// The bus connection, which brings the daemon's PropertiesChanged signals.
+    int changeDescriptor() override;
+    void takeChanges() override;
 
     struct Device {
         std::string path;

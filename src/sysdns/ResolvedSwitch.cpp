@@ -15,6 +15,10 @@ namespace morvane::sysdns {
 
 namespace {
 
+constexpr const char* kChanges =
+    "type='signal',sender='org.freedesktop.resolve1',"
+    "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged'";
+
 std::string linkName(int ifindex) {
     char name[IF_NAMESIZE] = {};
     return ::if_indextoname(static_cast<unsigned>(ifindex), name) != nullptr ? name : "";
@@ -90,6 +94,9 @@ bool ResolvedSwitch::saveRecord(const Record& record, std::string& error) const 
 bool ResolvedSwitch::connect(std::string& error) {
     if (!resolved_) {
         if (auto bus = SystemBus::open(options_.busTimeout, error)) {
+            std::string ignored;
+            bus->watchSignals(kChanges, ignored);
+            bus_ = bus;
             resolved_ = std::make_unique<ResolvedClient>(std::move(bus));
         }
     }
@@ -261,6 +268,18 @@ bool ResolvedSwitch::stillApplied() {
     }
     bool ownDefaultRoute = false;
     return ownServer && resolved_->defaultRoute(own, ownDefaultRoute, error) && ownDefaultRoute;
+}
+
+int ResolvedSwitch::changeDescriptor() {
+    std::lock_guard lock(mutex_);
+    return bus_ ? bus_->descriptor() : -1;
+}
+
+void ResolvedSwitch::takeChanges() {
+    std::lock_guard lock(mutex_);
+    if (bus_) {
+        bus_->takeSignals();
+    }
 }
 
 }  // namespace morvane::sysdns

@@ -15,6 +15,8 @@
 
 namespace morvane::sysdns {
 
+class SystemBus;
+
 /// The switch for machines where systemd-resolved is the resolver: a link of the provider's
 /// own carries the proxy as its DNS server with the routing domain "~." and the default route,
 /// and the other links that have servers lose the default route while it is on. All of it is
@@ -38,6 +40,9 @@ public:
     bool restore(std::string& error) override;
     std::vector<std::string> originalServers() const override;
     bool stillApplied() override;
+    /// The bus connection, which brings the daemon's PropertiesChanged signals.
+    int changeDescriptor() override;
+    void takeChanges() override;
 
     /// The servers resolved has for each link; for tests and the log. (Global servers from
     /// resolved.conf are not changed by the switch and not listed.)
@@ -55,6 +60,7 @@ private:
 
     Options options_;
     mutable std::mutex mutex_;
+    std::shared_ptr<SystemBus> bus_;
     std::unique_ptr<ResolvedClient> resolved_;
     std::vector<std::string> originalServers_;
     std::optional<SwitchTarget> applied_;

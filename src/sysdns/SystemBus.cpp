@@ -117,6 +117,33 @@ bool SystemBus::send(sd_bus_message* request, const ReplyReader& reader, std::st
     return true;
 }
 
+bool SystemBus::watchSignals(const std::string& match, std::string& error) {
+    const int result = sd_bus_add_match(
+        bus_, nullptr, match.c_str(),
+        [](sd_bus_message*, void* userdata, sd_bus_error*) {
+            static_cast<SystemBus*>(userdata)->signalled_ = true;
+            return 0;
+        },
+        this);
+    if (result < 0) {
+        error = "Cannot watch for " + match + ": " + busErrorText(result);
+        return false;
+    }
+    return true;
+}
+
+int SystemBus::descriptor() const {
+    return sd_bus_get_fd(bus_);
+}
+
+bool SystemBus::takeSignals() {
+    while (sd_bus_process(bus_, nullptr) > 0) {
+    }
+    const bool signalled = signalled_;
+    signalled_ = false;
+    return signalled;
+}
+
 bool SystemBus::getProperty(const std::string& destination, const std::string& path,
                             const std::string& interface, const std::string& property,
                             const std::string& signature, const ReplyReader& reader,

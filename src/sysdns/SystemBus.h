@@ -44,11 +44,20 @@ public:
                             const std::string& interface, const std::string& member);
     bool send(sd_bus_message* request, const ReplyReader& reader, std::string& error);
 
+    /// Listens for the signals that match (a D-Bus match rule); `takeSignals` tells whether
+    /// any came since the last time.
+    bool watchSignals(const std::string& match, std::string& error);
+    /// Readable when something arrived on the connection.
+    int descriptor() const;
+    /// Handles what arrived; true when a watched signal was among it.
+    bool takeSignals();
+
     sd_bus* handle() const { return bus_; }
 
 private:
     explicit SystemBus(sd_bus* bus) : bus_(bus) {}
     sd_bus* bus_;
+    bool signalled_ = false;
 };
 
 /// The text of a negative sd-bus return value.
