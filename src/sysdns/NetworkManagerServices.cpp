@@ -14,17 +14,6 @@ constexpr const char* kPath = "/org/freedesktop/NetworkManager";
 constexpr const char* kConnection = "org.freedesktop.NetworkManager.Settings.Connection";
 constexpr const char* kDevice = "org.freedesktop.NetworkManager.Device";
 
-bool readPaths(sd_bus_message* reply, std::vector<std::string>& paths) {
-    if (sd_bus_message_enter_container(reply, 'a', "o") < 0) {
-        return false;
-    }
-    const char* path = nullptr;
-    while (sd_bus_message_read(reply, "o", &path) > 0) {
-        paths.emplace_back(path);
-    }
-    return sd_bus_message_exit_container(reply) >= 0;
-}
-
 bool inUse(const std::string& method) {
     return !method.empty() && method != "disabled" && method != "ignore";
 }
@@ -67,10 +56,11 @@ std::vector<NetworkManagerServices::Profile> NetworkManagerServices::profiles() 
     std::vector<Profile> result;
     std::vector<std::string> paths;
     std::string error;
-    if (!connect() || !bus_->call(
-                          kService, std::string(kPath) + "/Settings",
-                          "org.freedesktop.NetworkManager.Settings", "ListConnections", {},
-                          [&](sd_bus_message* reply) { return readPaths(reply, paths); }, error)) {
+    if (!connect() ||
+        !bus_->call(
+            kService, std::string(kPath) + "/Settings", "org.freedesktop.NetworkManager.Settings",
+            "ListConnections", {},
+            [&](sd_bus_message* reply) { return readObjectPaths(reply, paths); }, error)) {
         if (!error.empty()) {
             log(error);
         }
@@ -116,7 +106,7 @@ std::map<std::string, std::string> NetworkManagerServices::activeDevices() {
     if (!connect() ||
         !bus_->getProperty(
             kService, kPath, "org.freedesktop.NetworkManager", "ActiveConnections", "ao",
-            [&](sd_bus_message* reply) { return readPaths(reply, actives); }, error)) {
+            [&](sd_bus_message* reply) { return readObjectPaths(reply, actives); }, error)) {
         return result;
     }
     for (const auto& active : actives) {
@@ -126,18 +116,10 @@ std::map<std::string, std::string> NetworkManagerServices::activeDevices() {
         const bool ok =
             bus_->getProperty(
                 kService, active, interface, "Uuid", "s",
-                [&](sd_bus_message* reply) {
-                    const char* text = nullptr;
-                    if (sd_bus_message_read(reply, "s", &text) < 0) {
-                        return false;
-                    }
-                    uuid = text;
-                    return true;
-                },
-                error) &&
+                [&](sd_bus_message* reply) { return readBusText(reply, "s", uuid); }, error) &&
             bus_->getProperty(
                 kService, active, interface, "Devices", "ao",
-                [&](sd_bus_message* reply) { return readPaths(reply, devices); }, error);
+                [&](sd_bus_message* reply) { return readObjectPaths(reply, devices); }, error);
         if (ok && !devices.empty()) {
             result[uuid] = devices.front();
         }

@@ -6,18 +6,11 @@
 
 #include <cstring>
 
+#include "sysdns/SystemBus.h"
+
 namespace morvane::sysdns {
 
 namespace {
-
-bool readText(sd_bus_message* m, const char* type, std::string& value) {
-    const char* text = nullptr;
-    if (sd_bus_message_read(m, type, &text) < 0) {
-        return false;
-    }
-    value = text != nullptr ? text : "";
-    return true;
-}
 
 template <typename Fill>
 bool appendEntry(sd_bus_message* m, const char* key, const char* signature, Fill fill) {
@@ -85,7 +78,8 @@ bool copyConnectionWithDns(sd_bus_message* from, sd_bus_message* to, const DnsOv
     }
     while (sd_bus_message_enter_container(from, 'e', "sa{sv}") > 0) {
         std::string setting;
-        if (!readText(from, "s", setting) || sd_bus_message_open_container(to, 'e', "sa{sv}") < 0 ||
+        if (!readBusText(from, "s", setting) ||
+            sd_bus_message_open_container(to, 'e', "sa{sv}") < 0 ||
             sd_bus_message_append(to, "s", setting.c_str()) < 0 ||
             sd_bus_message_open_container(to, 'a', "{sv}") < 0 ||
             sd_bus_message_enter_container(from, 'a', "{sv}") < 0) {
@@ -94,7 +88,7 @@ bool copyConnectionWithDns(sd_bus_message* from, sd_bus_message* to, const DnsOv
         const bool ip = setting == "ipv4" || setting == "ipv6";
         while (sd_bus_message_enter_container(from, 'e', "sv") > 0) {
             std::string key;
-            if (!readText(from, "s", key)) {
+            if (!readBusText(from, "s", key)) {
                 return false;
             }
             if (ip && replaced(key, dns)) {
@@ -123,13 +117,13 @@ bool readConnection(sd_bus_message* from, ConnectionSummary& summary) {
     }
     while (sd_bus_message_enter_container(from, 'e', "sa{sv}") > 0) {
         std::string setting;
-        if (!readText(from, "s", setting) ||
+        if (!readBusText(from, "s", setting) ||
             sd_bus_message_enter_container(from, 'a', "{sv}") < 0) {
             return false;
         }
         while (sd_bus_message_enter_container(from, 'e', "sv") > 0) {
             std::string key;
-            if (!readText(from, "s", key)) {
+            if (!readBusText(from, "s", key)) {
                 return false;
             }
             std::string* text = nullptr;
@@ -145,7 +139,7 @@ bool readConnection(sd_bus_message* from, ConnectionSummary& summary) {
                                            : nullptr;
             }
             if (text != nullptr && sd_bus_message_enter_container(from, 'v', "s") > 0) {
-                readText(from, "s", *text);
+                readBusText(from, "s", *text);
                 sd_bus_message_exit_container(from);
             } else if (setting == "ipv4" && key == "dns" &&
                        sd_bus_message_enter_container(from, 'v', "au") > 0) {

@@ -22,15 +22,6 @@ constexpr const char* kPath = "/org/freedesktop/NetworkManager";
 constexpr const char* kManager = "org.freedesktop.NetworkManager";
 constexpr const char* kDevice = "org.freedesktop.NetworkManager.Device";
 
-bool readText(sd_bus_message* reply, const char* type, std::string& value) {
-    const char* text = nullptr;
-    if (sd_bus_message_read(reply, type, &text) < 0) {
-        return false;
-    }
-    value = text != nullptr ? text : "";
-    return true;
-}
-
 }  // namespace
 
 struct NetworkManagerSwitch::Record {
@@ -111,17 +102,7 @@ bool NetworkManagerSwitch::activeDevices(std::vector<Device>& result, std::strin
     std::vector<std::string> paths;
     if (!bus_->call(
             kService, kPath, kManager, "GetDevices", {},
-            [&](sd_bus_message* reply) {
-                if (sd_bus_message_enter_container(reply, 'a', "o") < 0) {
-                    return false;
-                }
-                const char* path = nullptr;
-                while (sd_bus_message_read(reply, "o", &path) > 0) {
-                    paths.emplace_back(path);
-                }
-                return sd_bus_message_exit_container(reply) >= 0;
-            },
-            error)) {
+            [&](sd_bus_message* reply) { return readObjectPaths(reply, paths); }, error)) {
         return false;
     }
     result.clear();
@@ -131,7 +112,7 @@ bool NetworkManagerSwitch::activeDevices(std::vector<Device>& result, std::strin
         const auto property = [&](const char* name, const char* type, std::string& value) {
             return bus_->getProperty(
                 kService, path, kDevice, name, type,
-                [&](sd_bus_message* reply) { return readText(reply, type, value); }, error);
+                [&](sd_bus_message* reply) { return readBusText(reply, type, value); }, error);
         };
         if (!property("ActiveConnection", "o", active) ||
             !property("Interface", "s", device.interface) ||
@@ -160,13 +141,13 @@ bool NetworkManagerSwitch::deviceServers(const Device& device, std::vector<std::
                 while (sd_bus_message_enter_container(reply, 'a', "{sv}") > 0) {
                     while (sd_bus_message_enter_container(reply, 'e', "sv") > 0) {
                         std::string key;
-                        if (!readText(reply, "s", key)) {
+                        if (!readBusText(reply, "s", key)) {
                             return false;
                         }
                         if (key == "address" &&
                             sd_bus_message_enter_container(reply, 'v', "s") > 0) {
                             std::string address;
-                            if (!readText(reply, "s", address)) {
+                            if (!readBusText(reply, "s", address)) {
                                 return false;
                             }
                             result.push_back(address);

@@ -34,15 +34,7 @@ bool ResolvedClient::linkPath(int ifindex, std::string& path, std::string& error
     return bus_->call(
         kService, kPath, kManager, "GetLink",
         [&](sd_bus_message* m) { return sd_bus_message_append(m, "i", ifindex) >= 0; },
-        [&](sd_bus_message* reply) {
-            const char* text = nullptr;
-            if (sd_bus_message_read(reply, "o", &text) < 0) {
-                return false;
-            }
-            path = text;
-            return true;
-        },
-        error);
+        [&](sd_bus_message* reply) { return readBusText(reply, "o", path); }, error);
 }
 
 bool ResolvedClient::linkServers(int ifindex, std::vector<Server>& result, std::string& error) {

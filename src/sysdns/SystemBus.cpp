@@ -20,6 +20,26 @@ struct MessageHolder {
 
 }  // namespace
 
+bool readBusText(sd_bus_message* message, const char* type, std::string& value) {
+    const char* text = nullptr;
+    if (sd_bus_message_read(message, type, &text) < 0) {
+        return false;
+    }
+    value = text != nullptr ? text : "";
+    return true;
+}
+
+bool readObjectPaths(sd_bus_message* message, std::vector<std::string>& paths) {
+    if (sd_bus_message_enter_container(message, 'a', "o") < 0) {
+        return false;
+    }
+    const char* path = nullptr;
+    while (sd_bus_message_read(message, "o", &path) > 0) {
+        paths.emplace_back(path);
+    }
+    return sd_bus_message_exit_container(message) >= 0;
+}
+
 std::string busErrorText(int code) {
     return std::strerror(code < 0 ? -code : code);
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 struct sd_bus;
 struct sd_bus_message;
@@ -59,6 +60,11 @@ private:
     sd_bus* bus_;
     bool signalled_ = false;
 };
+
+/// Reads one text ("s", "o") of a message.
+bool readBusText(sd_bus_message* message, const char* type, std::string& value);
+/// Reads an array of object paths ("ao").
+bool readObjectPaths(sd_bus_message* message, std::vector<std::string>& paths);
 
 /// The text of a negative sd-bus return value.
 std::string busErrorText(int code);

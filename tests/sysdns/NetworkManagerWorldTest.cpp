@@ -31,14 +31,6 @@ const char* const kProxyAnswer = "192.0.2.153";
 const char* const kWired = "6b3f0f4e-2f0a-4c4e-9d57-0c6f4d2b8a11";
 const char* const kWireless = "a7d2c1e0-5b8f-4a57-8e0d-3f1c9b6e2d44";
 
-#define WORLD_CHECK(condition, message)                                             \
-    do {                                                                            \
-        if (!(condition)) {                                                         \
-            std::cerr << __LINE__ << ": " << #condition << ": " << message << "\n"; \
-            return 1;                                                               \
-        }                                                                           \
-    } while (false)
-
 SwitchEnvironment environment() {
     auto environment = SwitchEnvironment::system();
     const fs::path state = std::getenv("MORVANE_SWITCH_STATE");
@@ -94,24 +86,13 @@ struct World {
 
 MORVANE_CHILD_ROLE(networkManagerHolder) {
     NetworkManagerSwitch dnsSwitch(switchOptions());
-    std::string error;
-    if (!dnsSwitch.apply({"127.0.0.153", 53}, error)) {
-        std::cerr << error << "\n";
-        return 1;
-    }
-    ::pause();
-    return 0;
+    return test::holdSwitch(dnsSwitch);
 }
 
 // What the provider does at start and in --cleanup.
 MORVANE_CHILD_ROLE(networkManagerCleanup) {
     auto dnsSwitch = makeSystemSwitch(environment());
-    std::string error;
-    if (!dnsSwitch->restore(error)) {
-        std::cerr << error << "\n";
-        return 1;
-    }
-    return 0;
+    return test::restoreSwitch(*dnsSwitch);
 }
 
 MORVANE_CHILD_ROLE(networkManagerWorld) {
@@ -158,35 +139,23 @@ MORVANE_CHILD_ROLE(networkManagerWorld) {
         WORLD_CHECK(::morvane::test::readFile("/etc/resolv.conf") == before, "file differs");
     }
 
-    for (int cycle = 0; cycle < 50; ++cycle) {
-        const int pid = ::morvane::test::startChild("networkManagerHolder", {});
-        WORLD_CHECK(pid > 0, "cannot start the holder");
-        const bool switched = test::waitUntil(
-            [&] {
-                return world.networkManager->appliedServers(kWireless) ==
-                       std::vector<std::string>{"127.0.0.153"};
-            },
-            std::chrono::seconds(30));
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        WORLD_CHECK(switched, "cycle " << cycle << ": the holder never switched");
-        std::string output;
-        WORLD_CHECK(::morvane::test::runChild("networkManagerCleanup", {}, &output) == 0, output);
-        WORLD_CHECK(::morvane::test::readFile("/etc/resolv.conf") == before,
-                    "cycle " << cycle << ":\n"
-                             << ::morvane::test::readFile("/etc/resolv.conf"));
-    }
+    const auto failure = test::killedHolderCycles(
+        "networkManagerHolder", "networkManagerCleanup", 50,
+        [&] {
+            return world.networkManager->appliedServers(kWireless) ==
+                   std::vector<std::string>{"127.0.0.153"};
+        },
+        [&] {
+            const auto now = ::morvane::test::readFile("/etc/resolv.conf");
+            return now == before ? std::string() : "file differs:\n" + now;
+        });
+    WORLD_CHECK(failure.empty(), failure);
     WORLD_CHECK(test::lookUp(kName, &error) == kOldAnswer, error);
     return 0;
 }
 
 TEST(NetworkManagerWorld, EnableDisableReconnectAndFiftyKilledHoldersAgainstTheStandIn) {
-    std::string output;
-    const int status = ::morvane::test::runChild("networkManagerWorld", {}, &output);
-    if (status == kSkipStatus) {
-        GTEST_SKIP() << "no private world here: " << output;
-    }
-    EXPECT_EQ(status, 0) << output;
+    test::expectWorldPasses("networkManagerWorld");
 }
 
 }  // namespace

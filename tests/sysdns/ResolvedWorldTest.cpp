@@ -33,14 +33,6 @@ const char* const kName = "probe.morvane.test";
 const char* const kOldAnswer = "192.0.2.2";
 const char* const kProxyAnswer = "192.0.2.153";
 
-#define WORLD_CHECK(condition, message)                                             \
-    do {                                                                            \
-        if (!(condition)) {                                                         \
-            std::cerr << __LINE__ << ": " << #condition << ": " << message << "\n"; \
-            return 1;                                                               \
-        }                                                                           \
-    } while (false)
-
 ResolvedSwitch::Options switchOptions() {
     ResolvedSwitch::Options options;
     options.stateDirectory = fs::path(std::getenv("MORVANE_SWITCH_STATE"));
@@ -164,23 +156,12 @@ struct World {
 
 MORVANE_CHILD_ROLE(resolvedHolder) {
     ResolvedSwitch dnsSwitch(switchOptions());
-    std::string error;
-    if (!dnsSwitch.apply({"127.0.0.153", 53}, error)) {
-        std::cerr << error << "\n";
-        return 1;
-    }
-    ::pause();
-    return 0;
+    return test::holdSwitch(dnsSwitch);
 }
 
 MORVANE_CHILD_ROLE(resolvedCleanup) {
     ResolvedSwitch dnsSwitch(switchOptions());
-    std::string error;
-    if (!dnsSwitch.restore(error)) {
-        std::cerr << error << "\n";
-        return 1;
-    }
-    return 0;
+    return test::restoreSwitch(dnsSwitch);
 }
 
 MORVANE_CHILD_ROLE(resolvedWorld) {
@@ -232,20 +213,13 @@ MORVANE_CHILD_ROLE(resolvedWorld) {
         WORLD_CHECK(settings() == before, "before:\n" << before << "after:\n" << settings());
     }
 
-    for (int cycle = 0; cycle < 50; ++cycle) {
-        const int pid = ::morvane::test::startChild("resolvedHolder", {});
-        WORLD_CHECK(pid > 0, "cannot start the holder");
-        const bool switched = test::waitUntil([] { return test::lookUp(kName) == kProxyAnswer; },
-                                              std::chrono::seconds(30));
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        WORLD_CHECK(switched, "cycle " << cycle << ": the holder never switched");
-        std::string output;
-        WORLD_CHECK(::morvane::test::runChild("resolvedCleanup", {}, &output) == 0, output);
-        WORLD_CHECK(settings() == before, "cycle " << cycle << " before:\n"
-                                                   << before << "after:\n"
-                                                   << settings());
-    }
+    const auto failure = test::killedHolderCycles(
+        "resolvedHolder", "resolvedCleanup", 50, [] { return test::lookUp(kName) == kProxyAnswer; },
+        [&] {
+            const auto now = settings();
+            return now == before ? std::string() : "before:\n" + before + "after:\n" + now;
+        });
+    WORLD_CHECK(failure.empty(), failure);
     WORLD_CHECK(oldAnswers(), settings());
     return 0;
 }
@@ -296,21 +270,11 @@ MORVANE_CHILD_ROLE(resolvedServicesWorld) {
 }
 
 TEST(ResolvedWorld, LinksAreTheNetworkServicesWhereNetworkManagerDoesNotRun) {
-    std::string output;
-    const int status = ::morvane::test::runChild("resolvedServicesWorld", {}, &output);
-    if (status == kSkipStatus) {
-        GTEST_SKIP() << "systemd-resolved cannot run here: " << output;
-    }
-    EXPECT_EQ(status, 0) << output;
+    test::expectWorldPasses("resolvedServicesWorld");
 }
 
 TEST(ResolvedWorld, EnableDisableTakeBackAndFiftyKilledHoldersAgainstTheRealResolved) {
-    std::string output;
-    const int status = ::morvane::test::runChild("resolvedWorld", {}, &output);
-    if (status == kSkipStatus) {
-        GTEST_SKIP() << "systemd-resolved cannot run here: " << output;
-    }
-    EXPECT_EQ(status, 0) << output;
+    test::expectWorldPasses("resolvedWorld");
 }
 
 }  // namespace
