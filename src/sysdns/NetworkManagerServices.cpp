@@ -21,7 +21,7 @@ bool inUse(const std::string& method) {
 }  // namespace
 
 NetworkManagerServices::NetworkManagerServices(Options options)
-    : options_(std::move(options)), lock_(options_.lockFile) {}
+    : options_(std::move(options)), lock_(options_.lockFile, options_.log) {}
 
 NetworkManagerServices::~NetworkManagerServices() = default;
 
@@ -32,9 +32,7 @@ void NetworkManagerServices::log(const std::string& line) const {
 }
 
 void NetworkManagerServices::lock() {
-    if (!lock_.lock()) {
-        log("Cannot take the lock of the network services at " + options_.lockFile.string());
-    }
+    lock_.lock();
 }
 
 void NetworkManagerServices::unlock() {
@@ -67,23 +65,14 @@ std::vector<NetworkManagerServices::Profile> NetworkManagerServices::profiles() 
         return result;
     }
     for (const auto& path : paths) {
-        ConnectionSummary summary;
+        Profile profile;
+        profile.path = path;
         if (!bus_->call(
                 kService, path, kConnection, "GetSettings", {},
-                [&](sd_bus_message* reply) { return readConnection(reply, summary); }, error)) {
+                [&](sd_bus_message* reply) { return readConnection(reply, profile); }, error)) {
             log(error);
             continue;
         }
-        Profile profile;
-        profile.path = path;
-        profile.uuid = summary.uuid;
-        profile.id = summary.id;
-        profile.type = summary.type;
-        profile.interface = summary.interface;
-        profile.ipv4Method = summary.ipv4Method;
-        profile.ipv6Method = summary.ipv6Method;
-        profile.dns.serverAddresses = summary.servers;
-        profile.dns.searchDomains = summary.searches;
         result.push_back(std::move(profile));
     }
     return result;
@@ -163,10 +152,10 @@ std::optional<DnsConfiguration> NetworkManagerServices::dnsConfiguration(
         return staged->second;
     }
     const auto found = profile(identifier);
-    if (!found || (found->dns.serverAddresses.empty() && found->dns.searchDomains.empty())) {
+    if (!found || (found->servers.empty() && found->searches.empty())) {
         return std::nullopt;
     }
-    return found->dns;
+    return DnsConfiguration{found->servers, found->searches};
 }
 
 bool NetworkManagerServices::setDnsConfiguration(

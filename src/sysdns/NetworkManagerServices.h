@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "sysdns/NetworkManagerSettings.h"
 #include "sysdns/NetworkServices.h"
 #include "sysdns/ServicesLock.h"
 
@@ -42,16 +43,9 @@ public:
     bool commitAndApply() override;
     void refreshInterfaces() override;
 
-    /// A profile's settings as far as services need them.
-    struct Profile {
+    /// A profile's settings as far as services need them, and where it lives on the bus.
+    struct Profile : ConnectionSummary {
         std::string path;
-        std::string uuid;
-        std::string id;
-        std::string type;
-        std::string interface;
-        std::string ipv4Method;
-        std::string ipv6Method;
-        DnsConfiguration dns;
     };
 
 private:

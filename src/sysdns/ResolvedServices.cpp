@@ -10,7 +10,7 @@
 namespace morvane::sysdns {
 
 ResolvedServices::ResolvedServices(Options options)
-    : options_(std::move(options)), lock_(options_.lockFile) {}
+    : options_(std::move(options)), lock_(options_.lockFile, options_.log) {}
 
 ResolvedServices::~ResolvedServices() = default;
 
@@ -21,9 +21,7 @@ void ResolvedServices::log(const std::string& line) const {
 }
 
 void ResolvedServices::lock() {
-    if (!lock_.lock()) {
-        log("Cannot take the lock of the network services at " + options_.lockFile.string());
-    }
+    lock_.lock();
 }
 
 void ResolvedServices::unlock() {

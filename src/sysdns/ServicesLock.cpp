@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace morvane::sysdns {
 
@@ -15,14 +16,19 @@ bool ServicesLock::lock() {
     std::error_code ignored;
     std::filesystem::create_directories(path_.parent_path(), ignored);
     const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        return false;
+    bool locked = fd >= 0;
+    while (locked && ::flock(fd, LOCK_EX) != 0) {
+        locked = errno == EINTR;
     }
-    while (::flock(fd, LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            ::close(fd);
-            return false;
+    if (!locked) {
+        if (log_) {
+            log_("Cannot take the lock of the network services at " + path_.string() + ": " +
+                 std::strerror(errno));
         }
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return false;
     }
     fd_ = fd;
     return true;

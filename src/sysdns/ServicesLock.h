@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
+#include <string>
 
 namespace morvane::sysdns {
 
@@ -9,17 +11,19 @@ namespace morvane::sysdns {
 /// process wait for each other as well. The kernel drops it when its holder dies.
 class ServicesLock {
 public:
-    explicit ServicesLock(std::filesystem::path path) : path_(std::move(path)) {}
+    ServicesLock(std::filesystem::path path, std::function<void(const std::string&)> log)
+        : path_(std::move(path)), log_(std::move(log)) {}
     ~ServicesLock() { unlock(); }
     ServicesLock(const ServicesLock&) = delete;
     ServicesLock& operator=(const ServicesLock&) = delete;
 
-    /// Waits. Without a lock file (no /run to write), holds nothing and says false.
+    /// Waits. Without a lock file (no /run to write), holds nothing, logs it and says false.
     bool lock();
     void unlock();
 
 private:
     std::filesystem::path path_;
+    std::function<void(const std::string&)> log_;
     int fd_ = -1;
 };
 
