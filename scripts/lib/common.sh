@@ -12,6 +12,9 @@ MORVANE_PACKAGES=(
     libsystemd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl dbus
+    # the DNS switch's namespace tests: veth pairs, and systemd-resolved unpacked (never
+    # installed) from its package, whose version must match the installed systemd
+    iproute2 apt systemd
     # peers the benchmarks measure against
     libspdlog-dev libgmp-dev libknot-dev libldns-dev
     # the DNS forwarder's benchmark: the load generator and dnsmasq (dnsmasq-base: the program
