@@ -7,12 +7,14 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -58,7 +60,6 @@ public:
         pid_ = ::fork();
         if (pid_ == 0) {
             ::setenv("MORVANECLOUD_SYSROOT", sysroot.c_str(), 1);
-            ::unsetenv("NOTIFY_SOCKET");
             ::unsetenv("JOURNAL_STREAM");
             const int fd = ::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             ::dup2(fd, STDOUT_FILENO);
@@ -335,6 +336,44 @@ TEST_F(DnsProxyProgramTest, ABundleWithoutADisplayNameAnswersUnknown) {
     ASSERT_TRUE(agent);
     EXPECT_EQ(call(*agent, "register:"),
               (nlohmann::json{{"text", "Registered extension unknown"}}));
+}
+
+TEST_F(DnsProxyProgramTest, TellsTheServiceManagerReadyWatchdogAndStopping) {
+    // A datagram socket stands in for systemd's notification socket: systemd cannot run as
+    // PID 1 here.
+    const auto socketPath = home.root() / "notify";
+    const int listener = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    timeval patience{30, 0};
+    ::setsockopt(listener, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    auto receive = [&]() {
+        char buffer[4096];
+        const ssize_t got = ::recv(listener, buffer, sizeof buffer, 0);
+        return got > 0 ? std::string(buffer, static_cast<std::size_t>(got)) : std::string();
+    };
+
+    ::setenv("NOTIFY_SOCKET", socketPath.c_str(), 1);
+    ::setenv("WATCHDOG_USEC", "2000000", 1);
+    auto process = start();
+    ::unsetenv("NOTIFY_SOCKET");
+    ::unsetenv("WATCHDOG_USEC");
+
+    const std::string ready = receive();
+    EXPECT_TRUE(ready.starts_with("READY=1\nSTATUS=Serving DNS on 127.0.0.1:")) << ready << log();
+    EXPECT_EQ(receive(), "WATCHDOG=1") << "fed while the forwarder turns\n" << log();
+    process->stop();
+    std::string last;
+    for (std::string message = receive(); !message.empty(); message = receive()) {
+        last = message;
+        if (message == "STOPPING=1") {
+            break;
+        }
+    }
+    EXPECT_EQ(last, "STOPPING=1");
+    ::close(listener);
 }
 
 // A second process that gives up root, then tries both sockets; its exit status says what
