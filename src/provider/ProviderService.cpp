@@ -16,7 +16,9 @@ nlohmann::json errorReply(const char* domain, int code, const std::string& descr
     return {{"error", sys::errorObject(domain, code, description)}};
 }
 
-nlohmann::json permissionDenied() {
+nlohmann::json permissionDenied(ServiceLog& log, uid_t uid, const char* what) {
+    log.warning(std::string("Refused ") + what + " by uid " + std::to_string(uid) +
+                ": the configuration belongs to another user");
     return errorReply(kConfigurationErrorDomain, kConfigurationPermissionDenied,
                       "permission denied: the proxy configuration belongs to another user");
 }
@@ -337,7 +339,7 @@ void ProviderService::upstreamsLost(const std::string& reason) {
 
 nlohmann::json ProviderService::load(uid_t uid) {
     if (!mayControl(uid)) {
-        return permissionDenied();
+        return permissionDenied(log_, uid, "a load");
     }
     std::lock_guard lock(mutex_);
     if (!configuration_) {
@@ -348,9 +350,7 @@ nlohmann::json ProviderService::load(uid_t uid) {
 
 nlohmann::json ProviderService::save(uid_t uid, const nlohmann::json& arguments) {
     if (!mayControl(uid)) {
-        log_.warning("Refused a save by uid " + std::to_string(uid) +
-                     ": the configuration belongs to another user");
-        return permissionDenied();
+        return permissionDenied(log_, uid, "a save");
     }
     std::string error;
     std::optional<ProxyConfiguration> configuration =
@@ -396,9 +396,7 @@ nlohmann::json ProviderService::save(uid_t uid, const nlohmann::json& arguments)
 
 nlohmann::json ProviderService::remove(uid_t uid) {
     if (!mayControl(uid)) {
-        log_.warning("Refused a removal by uid " + std::to_string(uid) +
-                     ": the configuration belongs to another user");
-        return permissionDenied();
+        return permissionDenied(log_, uid, "a removal");
     }
     std::optional<StopReason> stopped;
     {
@@ -423,7 +421,7 @@ nlohmann::json ProviderService::remove(uid_t uid) {
 
 nlohmann::json ProviderService::flush(uid_t uid) {
     if (!mayControl(uid)) {
-        return permissionDenied();
+        return permissionDenied(log_, uid, "a flush");
     }
     forwarder_.flush();
     log_.info("Flushed the DNS cache (asked by uid " + std::to_string(uid) + ")");

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "sys/SystemPaths.h"
+#include "sysdns/Files.h"
 
 namespace morvane::provider {
 
@@ -21,59 +22,7 @@ std::string errnoText(int error) {
     return std::strerror(error);
 }
 
-bool writeAllBytes(int fd, const std::string& content) {
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t written = ::write(fd, content.data() + done, content.size() - done);
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        done += static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
 }  // namespace
-
-bool writeFileAtomically(const std::filesystem::path& file, const std::string& content, mode_t mode,
-                         std::string& error) {
-    std::error_code ec;
-    std::filesystem::create_directories(file.parent_path(), ec);
-    if (ec) {
-        error = "cannot create " + file.parent_path().string() + ": " + ec.message();
-        return false;
-    }
-    std::string temporary =
-        (file.parent_path() / ("." + file.filename().string() + ".XXXXXX")).string();
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) {
-        error = "cannot create a file in " + file.parent_path().string() + ": " + errnoText(errno);
-        return false;
-    }
-    bool ok = ::fchmod(fd, mode) == 0 && writeAllBytes(fd, content) && ::fsync(fd) == 0;
-    const int writeError = errno;
-    ok = (::close(fd) == 0) && ok;
-    if (!ok) {
-        error = "cannot write " + temporary + ": " + errnoText(writeError);
-        ::unlink(temporary.c_str());
-        return false;
-    }
-    if (::rename(temporary.c_str(), file.c_str()) != 0) {
-        error = "cannot replace " + file.string() + ": " + errnoText(errno);
-        ::unlink(temporary.c_str());
-        return false;
-    }
-    // The rename itself reaches the disk only with the folder.
-    const int folder = ::open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder >= 0) {
-        ::fsync(folder);
-        ::close(folder);
-    }
-    return true;
-}
 
 std::filesystem::path ProxyConfigurationStore::defaultFile() {
     return sys::systemPath("/var/lib/morvanecloud/dnsproxy.json");
@@ -137,7 +86,7 @@ std::optional<ProxyConfiguration> ProxyConfigurationStore::load(std::string& pro
 bool ProxyConfigurationStore::save(const ProxyConfiguration& configuration,
                                    std::string& error) const {
     // Only root reads it: the policy is the owner's business and root's.
-    return writeFileAtomically(file_, configuration.toStored().dump(2) + "\n", 0600, error);
+    return sysdns::writeFileAtomically(file_, configuration.toStored().dump(2) + "\n", 0600, error);
 }
 
 bool ProxyConfigurationStore::remove(std::string& error) const {

@@ -36,10 +36,4 @@ private:
     std::filesystem::path file_;
 };
 
-/// Writes `content` to `file` atomically with the given permission bits: a temporary file in
-/// the same folder, fsync, rename, fsync of the folder. False with `error` set on failure, in
-/// which case `file` is as it was.
-bool writeFileAtomically(const std::filesystem::path& file, const std::string& content, mode_t mode,
-                         std::string& error);
-
 }  // namespace morvane::provider

@@ -102,6 +102,7 @@ public:
         return status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     bool running() const { return pid_ > 0; }
+    void signal(int number) const { ::kill(pid_, number); }
 
 private:
     pid_t pid_ = -1;
@@ -272,6 +273,36 @@ TEST_F(DnsProxyProgramTest, InvalidSavesAreRefusedAndLoseNothing) {
     auto again = control();
     ASSERT_TRUE(again);
     EXPECT_EQ(call(*again, "load"), (nlohmann::json{{"configuration", good}}));
+}
+
+TEST_F(DnsProxyProgramTest, AReloadReadsTheStoredFileAgain) {
+    auto process = start();
+    auto client = control();
+    ASSERT_TRUE(client);
+    ASSERT_EQ(call(*client, "save", saveArguments(true, "127.0.0.1:9")), nlohmann::json::object());
+
+    // An administrator turns the proxy off in the file and asks for a reload.
+    nlohmann::json stored = nlohmann::json::parse(morvane::test::readFile(storedFile()));
+    stored["enabled"] = false;
+    morvane::test::writeFile(storedFile(), stored.dump());
+    process->signal(SIGHUP);
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (call(*client, "status")["enabled"] != false &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_EQ(call(*client, "status")["enabled"], false) << log();
+
+    // A damaged file on reload keeps what is in force.
+    morvane::test::writeFile(storedFile(), "{");
+    process->signal(SIGHUP);
+    while (log().find("Reload: the stored proxy configuration cannot be used") ==
+               std::string::npos &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_EQ(call(*client, "load")["configuration"]["enabled"], false) << log();
+    EXPECT_EQ(process->stop(), 0);
 }
 
 TEST_F(DnsProxyProgramTest, ATornStoredFileMeansNoConfiguration) {
