@@ -110,6 +110,7 @@ MORVANE_CHILD_ROLE(providerSwitchInPrivateNetwork) {
     ServiceLog log([](std::string_view) {}, false);
     ProviderService::Options options;
     options.listen = "127.0.0.1:53";
+    options.configurationFile = dir / "dnsproxy.json";
     options.socketDirectory = dir / "run";
     options.switchFactory = [&](ServiceLog&) -> std::unique_ptr<sysdns::DnsSwitch> {
         sysdns::ResolvConfSwitch::Options switchOptions;
@@ -157,8 +158,10 @@ TEST(ProviderServiceTest, TheSwitchFollowsEnabledAndIsUndoneAtStop) {
         GTEST_SKIP() << "needs root for a network namespace of its own";
     }
     morvane::test::TempDir dir;
-    const int status = morvane::test::runChild("providerSwitchInPrivateNetwork",
-                                               {{"MORVANE_TEST_DIR", dir.path().string()}});
+    const int status =
+        morvane::test::runChild("providerSwitchInPrivateNetwork",
+                                {{"MORVANE_TEST_DIR", dir.path().string()},
+                                 {"MORVANECLOUD_SYSROOT", (dir.path() / "sysroot").string()}});
     if (status == 77) {
         GTEST_SKIP() << "no network namespace can be made here";
     }
