@@ -10,6 +10,9 @@
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
+#include "watch/NCSICheck.h"
+#include "watch/NetworkCheck.h"
+#include "watch/VPNMonitor.h"
 
 namespace morvane {
 
@@ -32,6 +35,9 @@ std::vector<Service> DepenencyInjection::serviceTable() {
     rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
     rows.push_back(Service::global<InstallerHelper>());
+    rows.push_back(Service::global<NetworkCheck>());
+    rows.push_back(Service::global<VPNMonitor>());
+    rows.push_back(Service::global<NCSICheck>());
     return rows;
 }
 
