@@ -25,8 +25,12 @@ ChangeObserver::ChangeObserver()
                                                       platform::DispatchQueue::Kind::concurrent)),
       startTime(MainQueue::now()) {
     // The VPN watch owns a thread of its own for the life of the process; nothing keeps
-    // the thread object, and the monitor stays alive as long as the watch runs.
-    std::thread([monitor = vpnMonitor.get()] { monitor->startMonitoring(); }).detach();
+    // the thread object, and the monitor stays alive as long as the watch runs. Its
+    // publisher is resolved here, while the service table is surely in place: the watch
+    // may hear its first change at any later time.
+    auto monitor = vpnMonitor.get();
+    monitor->notificationPublisher.get();
+    std::thread([monitor] { monitor->startMonitoring(); }).detach();
 }
 
 ChangeObserver::~ChangeObserver() = default;

@@ -6,12 +6,14 @@
 #include "device/ComputerNameManager.h"
 #include "device/DeviceConfigManager.h"
 #include "device/DeviceServerAPI.h"
+#include "dns/DNSResolver.h"
 #include "platform/NotificationCenter.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
 #include "watch/NCSICheck.h"
 #include "watch/NetworkCheck.h"
+#include "watch/ServiceHosts.h"
 #include "watch/VPNMonitor.h"
 
 namespace morvane {
@@ -42,6 +44,7 @@ std::vector<Service> DepenencyInjection::serviceTable() {
 }
 
 DepenencyInjection::DepenencyInjection() {
+    dns::DNSResolver::setEchoHost(ServiceHosts::echoHost());
     Dependencies::build(serviceTable());
 }
 

@@ -1,13 +1,11 @@
 #include "watch/NCSICheck.h"
 
-#include <cstdlib>
+#include "watch/ServiceHosts.h"
 
 namespace morvane {
 
 std::string NCSICheck::defaultStatusURL() {
-    const char* host = std::getenv("MORVANECLOUD_NCSI_HOST");
-    const std::string chosen = host && *host ? host : MORVANE_NCSI_HOST;
-    return "http://" + chosen + "/";
+    return "http://" + ServiceHosts::ncsiHost() + "/";
 }
 
 }  // namespace morvane

@@ -11,8 +11,7 @@ namespace morvane {
 /// that the network reaches the outside. The agent performs no probe; the settings that tune
 /// one travel to the provider inside the policy.
 struct NCSICheck {
-    /// The probe host is a value of the deployment: MORVANECLOUD_NCSI_HOST when set, else
-    /// the one given to CMake (MORVANE_NCSI_HOST).
+    /// "http://" + the probe host (see ServiceHosts) + "/".
     static std::string defaultStatusURL();
 
     /// The session of a probe; none until someone probes.

@@ -2,6 +2,7 @@
 
 #include "platform/MainQueue.h"
 #include "platform/SleepWatch.h"
+#include "platform/StandardOutput.h"
 
 namespace morvane {
 
@@ -13,6 +14,11 @@ SleepWakeMonitor::SleepWakeMonitor(const std::string& busAddress)
     handlers.willSleep = [this] { onSleepNote(); };
     handlers.didWake = [this] { onWakeNote(); };
     watch_ = std::make_unique<platform::SleepWatch>(std::move(handlers), busAddress);
+    if (!watch_->isWatching()) {
+        // Without logind (a container, a session without a system bus) the agent still
+        // works; it only misses the two events.
+        platform::printLine("Sleep and wake are not watched: " + watch_->error().value_or(""));
+    }
 }
 
 SleepWakeMonitor::~SleepWakeMonitor() = default;

@@ -45,9 +45,6 @@ void VPNMonitor::startMonitoring() {
         platform::printLine("Could not get bundle identifier");
         return;
     }
-    // Resolved here, on the container in place when watching begins, and not at the first
-    // change, which may come at any later time.
-    notificationPublisher.get();
     std::string error;
     auto watch = platform::RouteWatch::open(error);
     if (!watch) {

@@ -46,9 +46,7 @@ protected:
         if (auto reason = test::enterPrivateNetwork()) {
             GTEST_SKIP() << *reason;
         }
-        ASSERT_TRUE(
-            sh("ip link add veth0 type veth peer name veth1 && ip link set veth1 up && "
-               "ip addr add 10.9.0.1/24 dev veth0 && ip link set veth0 up"));
+        ASSERT_TRUE(test::addVethNetwork());
         helper = std::make_unique<ApplicationStartHelper>();
         auto rows = DepenencyInjection::serviceTable();
         rows.push_back(Service::make<ChangeObserver>(Service::LifeCycle::global, [](Dependencies&) {

@@ -40,6 +40,14 @@ inline bool sh(const std::string& command) {
     return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+/// A network of the namespace: veth0 (10.9.0.1/24) up, with its peer veth1 up and bare, so
+/// that 10.9.0.2 and its neighbours are gateways on the link.
+inline bool addVethNetwork() {
+    return sh(
+        "ip link add veth0 type veth peer name veth1 && ip link set veth1 up && "
+        "ip addr add 10.9.0.1/24 dev veth0 && ip link set veth0 up");
+}
+
 /// Puts a file of the test's in place of /etc/resolv.conf, in this mount namespace only.
 inline bool bindResolvConf(const std::string& file) {
     return mount(file.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) == 0;

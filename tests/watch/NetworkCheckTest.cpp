@@ -62,19 +62,8 @@ TEST_F(NetworkCheckLogic, UpdateAfterTheObjectIsGoneDoesNothing) {
 
 /// The real monitor in a network namespace of the test's own: a veth pair, a default route
 /// added and removed, the link taken down and up, an IPv6 default route.
-class NetworkCheckInNamespace : public test::WatchFixture {
+class NetworkCheckInNamespace : public test::NamespaceWatchFixture {
 protected:
-    void SetUp() override {
-        if (auto reason = test::enterPrivateNetwork()) {
-            GTEST_SKIP() << *reason;
-        }
-        WatchFixture::SetUp();
-        ASSERT_TRUE(
-            sh("ip link add veth0 type veth peer name veth1 && ip link set veth1 up && "
-               "ip addr add 10.9.0.1/24 dev veth0 && "
-               "ip link set veth0 up"));
-    }
-
     /// Waits until the monitor has seen the change: the next step must not fall into the
     /// same batch of netlink messages.
     bool waitForPath(NetworkCheck& check, const std::function<bool(const NetworkPath&)>& ok) {

@@ -2,6 +2,7 @@
 
 #include "watch/NCSICheck.h"
 #include "watch/SanityCheck.h"
+#include "watch/ServiceHosts.h"
 #include "watch/WatchFixture.h"
 
 namespace morvane {
@@ -17,6 +18,13 @@ TEST_F(Records, ProbeRecordHoldsItsValuesAndTakesTheHostFromConfiguration) {
 
     home.env().set("MORVANECLOUD_NCSI_HOST", "probe.test.example");
     EXPECT_EQ(NCSICheck{}.statusURL, "http://probe.test.example/");
+}
+
+TEST_F(Records, EchoHostFromTheEnvironmentElseFromTheBuild) {
+    home.env().unset("MORVANECLOUD_ECHO_HOST");
+    EXPECT_EQ(ServiceHosts::echoHost(), MORVANE_TEST_ECHO_HOST);
+    home.env().set("MORVANECLOUD_ECHO_HOST", "echo.test.example:8080");
+    EXPECT_EQ(ServiceHosts::echoHost(), "echo.test.example:8080");
 }
 
 TEST_F(Records, SanityCheckResolvesNothingAtConstruction) {

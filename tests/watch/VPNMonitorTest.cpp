@@ -131,17 +131,14 @@ TEST_F(VPNMonitorLogic, ChangesRaiseStartWhileATunnelStandsAndStopOnce) {
 /// The real watch in a network namespace of the test's own: a veth pair with a default
 /// route that the test moves, tun devices that come and go, and a program started by the
 /// test under a VPN client's name.
-class VPNMonitorInNamespace : public test::WatchFixture {
+class VPNMonitorInNamespace : public test::NamespaceWatchFixture {
 protected:
     void SetUp() override {
-        if (auto reason = test::enterPrivateNetwork()) {
-            GTEST_SKIP() << *reason;
+        NamespaceWatchFixture::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        WatchFixture::SetUp();
-        ASSERT_TRUE(
-            sh("ip link add veth0 type veth peer name veth1 && ip link set veth1 up && "
-               "ip addr add 10.9.0.1/24 dev veth0 && ip link set veth0 up && "
-               "ip route add default via 10.9.0.2"));
+        ASSERT_TRUE(sh("ip route add default via 10.9.0.2"));
         monitor = std::make_shared<VPNMonitor>(
             VPNMonitor::Machine{[this] {
                                     auto interfaces = platform::interfacesWithIPv4Address();

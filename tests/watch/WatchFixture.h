@@ -13,6 +13,7 @@
 #include "platform/NotificationCenter.h"
 #include "settings/Settings.h"
 #include "support/MainLoop.h"
+#include "support/NetworkNamespace.h"
 #include "support/TestEnvironment.h"
 #include "watch/NCSICheck.h"
 
@@ -63,6 +64,19 @@ protected:
 private:
     std::shared_ptr<platform::NotificationCenter> center_;
     std::vector<std::shared_ptr<platform::NotificationCenter::Subscription>> subscriptions_;
+};
+
+/// The same in a network namespace of the test's own with the veth network of
+/// addVethNetwork(); skipped where namespaces cannot be made.
+class NamespaceWatchFixture : public WatchFixture {
+protected:
+    void SetUp() override {
+        if (auto reason = enterPrivateNetwork()) {
+            GTEST_SKIP() << *reason;
+        }
+        WatchFixture::SetUp();
+        ASSERT_TRUE(addVethNetwork());
+    }
 };
 
 }  // namespace morvane::test
