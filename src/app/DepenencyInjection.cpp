@@ -6,10 +6,15 @@
 #include "device/ComputerNameManager.h"
 #include "device/DeviceConfigManager.h"
 #include "device/DeviceServerAPI.h"
+#include "dns/DNSResolver.h"
 #include "platform/NotificationCenter.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
+#include "watch/NCSICheck.h"
+#include "watch/NetworkCheck.h"
+#include "watch/ServiceHosts.h"
+#include "watch/VPNMonitor.h"
 
 namespace morvane {
 
@@ -32,10 +37,14 @@ std::vector<Service> DepenencyInjection::serviceTable() {
     rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
     rows.push_back(Service::global<InstallerHelper>());
+    rows.push_back(Service::global<NetworkCheck>());
+    rows.push_back(Service::global<VPNMonitor>());
+    rows.push_back(Service::global<NCSICheck>());
     return rows;
 }
 
 DepenencyInjection::DepenencyInjection() {
+    dns::DNSResolver::setEchoHost(ServiceHosts::echoHost());
     Dependencies::build(serviceTable());
 }
 
