@@ -12,6 +12,9 @@ MORVANE_PACKAGES=(
     libsystemd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl dbus
+    # the tray's SVG icons; a private X server and a real notification daemon for the
+    # desktop tests of the user interface
+    libqt6svg6 xvfb dunst
     # peers the benchmarks measure against
     libspdlog-dev libgmp-dev libknot-dev libldns-dev
     # fuzzing and sanitizer runtimes

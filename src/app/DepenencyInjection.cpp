@@ -3,6 +3,7 @@
 #include "app/ChangeObserver.h"
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
+#include "core/TestData.h"
 #include "device/ComputerNameManager.h"
 #include "device/DeviceConfigManager.h"
 #include "device/DeviceServerAPI.h"
@@ -10,6 +11,7 @@
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
+#include "ui/TarnUserNotification.h"
 
 namespace morvane {
 
@@ -26,11 +28,13 @@ std::vector<Service> DepenencyInjection::serviceTable() {
         return std::make_shared<NotificationPublisher>(
             NotificationPublisher{platform::NotificationCenter::defaultCenter()});
     }));
+    rows.push_back(Service::global<TarnUserNotification>());
     rows.push_back(Service::global<ChangeObserver>());
     rows.push_back(Service::global<TarnLogger>());
     rows.push_back(Service::global<DeviceServerAPI>());
     rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
+    rows.push_back(Service::global<TestData>());
     rows.push_back(Service::global<InstallerHelper>());
     return rows;
 }
