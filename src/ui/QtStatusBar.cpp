@@ -84,6 +84,9 @@ bool QtStatusBar::createStatusItem(ClickHandler onClick) {
             });
     }
     tray_->setToolTip(QStringLiteral("MorvaneCloud"));
+    if (tray_->icon().isNull()) {
+        tray_->setIcon(QIcon(iconPath("morvane_icon_alert")));
+    }
     tray_->show();
     return QSystemTrayIcon::isSystemTrayAvailable();
 }
