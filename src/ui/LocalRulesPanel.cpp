@@ -118,6 +118,8 @@ LocalRulesPanel::LocalRulesPanel(QWidget* parent)
     QObject::connect(useFilter_, &QCheckBox::toggled, this,
                      [this] { controller_->useLocalFiltering(*buttonControl_); });
     QObject::connect(set_, &QPushButton::clicked, this, [this] { controller_->setValues(); });
+    // A long rule reads from its start.
+    QObject::connect(json_, &QLineEdit::textChanged, this, [this] { json_->setCursorPosition(0); });
 }
 
 LocalRulesPanel::~LocalRulesPanel() = default;

@@ -14,6 +14,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
+#include <QPainter>
 #include <QPixmap>
 #include <QPushButton>
 #include <QScreen>
@@ -116,6 +117,29 @@ MORVANE_CHILD_ROLE(tray_screenshots) {
     controller->updateDeviceKey("DK-2417");
     controller->updateUserName("alice");
     controller->updateDebugMenu("Logging Debug Info", true);
+    // The built-in icons draw (the SVG image plug-in is there), and the item shows the mark
+    // of its tray type.
+    QSystemTrayIcon* tray = bar->trayIcon();
+    if (tray == nullptr || tray->icon().pixmap(22, 22).isNull()) {
+        return fail("the tray icon has no image");
+    }
+    QPixmap sheet(6 * 56 + 8, 64);
+    sheet.fill(QColor(0x80, 0x80, 0x80));
+    {
+        QPainter painter(&sheet);
+        int x = 8;
+        for (const char* image :
+             {"morvane_icon", "morvane_icon_alert", "morvane_icon_mono", "morvane_icon_alert_mono",
+              "morvane_icon_inverted", "morvane_icon_alert_inverted"}) {
+            const QPixmap drawn = QIcon(ui::QtStatusBar::iconPath(image)).pixmap(48, 48);
+            if (drawn.isNull()) {
+                return fail(image);
+            }
+            painter.drawPixmap(x, 8, drawn);
+            x += 56;
+        }
+    }
+    sheet.save(QString::fromStdString((shots / "tray-icons.png").string()));
     if (!QSystemTrayIcon::isSystemTrayAvailable()) {
         return fail("Qt sees no status notifier host");
     }
@@ -363,7 +387,7 @@ TEST_F(DesktopTest, TrayMenuAndRulesPanelOnAStatusNotifierHost) {
     ASSERT_TRUE(WIFEXITED(status)) << status;
     EXPECT_EQ(WEXITSTATUS(status), 0) << "the tray process says why on its standard error";
     for (const char* file : {"status-menu.png", "status-menu-screen.png", "local-rules-panel.png",
-                             "local-rules-screen.png"}) {
+                             "local-rules-screen.png", "tray-icons.png"}) {
         EXPECT_TRUE(fs::exists(shots / file) && fs::file_size(shots / file) > 1000) << file;
     }
 }
