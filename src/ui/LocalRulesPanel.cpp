@@ -12,47 +12,31 @@ namespace morvane::ui {
 
 namespace {
 
-class LineEditField : public TextField {
+// A line edit or a label as the controller's text field.
+template <class Widget>
+class WidgetField : public TextField {
 public:
-    explicit LineEditField(QLineEdit* edit) : edit_(edit) {}
+    explicit WidgetField(Widget* widget) : widget_(widget) {}
     std::string stringValue() const override {
-        return edit_ ? edit_->text().toStdString() : std::string();
+        return widget_ ? widget_->text().toStdString() : std::string();
     }
     void setStringValue(const std::string& value) override {
-        if (edit_) {
-            edit_->setText(QString::fromStdString(value));
+        if (widget_) {
+            widget_->setText(QString::fromStdString(value));
         }
     }
     void setEnabled(bool enabled) override {
-        if (edit_) {
-            edit_->setEnabled(enabled);
+        if (widget_) {
+            widget_->setEnabled(enabled);
         }
     }
 
 private:
-    QPointer<QLineEdit> edit_;
+    QPointer<Widget> widget_;
 };
 
-class LabelField : public TextField {
-public:
-    explicit LabelField(QLabel* label) : label_(label) {}
-    std::string stringValue() const override {
-        return label_ ? label_->text().toStdString() : std::string();
-    }
-    void setStringValue(const std::string& value) override {
-        if (label_) {
-            label_->setText(QString::fromStdString(value));
-        }
-    }
-    void setEnabled(bool enabled) override {
-        if (label_) {
-            label_->setEnabled(enabled);
-        }
-    }
-
-private:
-    QPointer<QLabel> label_;
-};
+using LineEditField = WidgetField<QLineEdit>;
+using LabelField = WidgetField<QLabel>;
 
 class CheckBoxButton : public Button {
 public:

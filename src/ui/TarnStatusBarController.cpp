@@ -52,6 +52,15 @@ std::string fileURL(const std::string& path) {
 
 std::atomic<bool> saidNoHost{false};
 
+// A line that only informs: made disabled and without action on first use, then retitled.
+void showInformation(std::shared_ptr<StatusMenuItem>& item, const std::string& title) {
+    if (item) {
+        item->setTitle(title);
+    } else {
+        item = StatusMenuItem::make(title, MenuAction::none, false);
+    }
+}
+
 }  // namespace
 
 TarnStatusBarController::TarnStatusBarController() : TarnStatusBarController(1, false) {}
@@ -192,29 +201,15 @@ void TarnStatusBarController::updateExternalIp(const std::string& ip) {
 void TarnStatusBarController::updateExternalIpMenuItem() {
     const std::string title =
         localized("External IP: ") + (externalIP.empty() ? std::string("Empty") : externalIP);
-    if (externalIpItem) {
-        externalIpItem->setTitle(title);
-    } else {
-        externalIpItem = StatusMenuItem::make(title, MenuAction::none, false);
-    }
+    showInformation(externalIpItem, title);
 }
 
 void TarnStatusBarController::updateUserName(const std::string& userName) {
-    const std::string title = localized("User Key: ") + userName;
-    if (userNameItem) {
-        userNameItem->setTitle(title);
-    } else {
-        userNameItem = StatusMenuItem::make(title, MenuAction::none, false);
-    }
+    showInformation(userNameItem, localized("User Key: ") + userName);
 }
 
 void TarnStatusBarController::updateDeviceKey(const std::string& deviceKey) {
-    const std::string title = localized("Device Key: ") + deviceKey;
-    if (deviceKeyItem) {
-        deviceKeyItem->setTitle(title);
-    } else {
-        deviceKeyItem = StatusMenuItem::make(title, MenuAction::none, false);
-    }
+    showInformation(deviceKeyItem, localized("Device Key: ") + deviceKey);
 }
 
 void TarnStatusBarController::updateLogDebug() {
