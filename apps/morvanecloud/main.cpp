@@ -10,16 +10,18 @@
 #include <vector>
 
 #include "app/AppDelegate.h"
+#include "app/StatusReport.h"
 #include "logging/LogCenter.h"
 #include "platform/BuildInfo.h"
 #include "platform/MainQueue.h"
 #include "platform/TerminationSignals.h"
+#include "settings/Utils.h"
 
 namespace {
 
 constexpr const char* kUsage =
     "Usage: sudo morvanecloud RPC_URL=<url> INSTALL_KEY=<key> [KEY=VALUE ...]\n"
-    "       morvanecloud --help | --version\n"
+    "       morvanecloud --status | --help | --version\n"
     "\n"
     "Started from a shell, morvanecloud is the install command: it clears the stored\n"
     "settings (all but INSTALL_KEY), takes the KEY=VALUE arguments and enrols the machine.\n"
@@ -42,6 +44,10 @@ constexpr const char* kUsage =
     "  STOP=TRUE, RESET=true, DOWNLOAD_CERT=true\n"
     "                             stored, but this build cannot carry them out yet\n"
     "\n"
+    "--status tells whether the machine is enrolled, its device key, the DNS proxy's state as\n"
+    "the provider reports it, the system DNS switch in force, VPN and the last external address;\n"
+    "it changes nothing.\n"
+    "\n"
     "Exit status: 0 done; 1 invalid or missing values; 4 values stored but an asked-for\n"
     "action (STOP, RESET, DOWNLOAD_CERT) is not available in this build.\n";
 
@@ -57,12 +63,17 @@ bool hasDisplay() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Only a run whose single argument asks for help is answered without touching anything;
-    // every other run clears and stores settings as the install command always has.
+    // Only a run whose single argument asks for help or status is answered without touching
+    // anything; every other run clears and stores settings as the install command always has.
     if (argc == 2) {
         const std::string arg = argv[1];
         if (arg == "--help" || arg == "-h") {
             std::fputs(kUsage, stdout);
+            return EXIT_SUCCESS;
+        }
+        if (arg == "--status") {
+            QCoreApplication app(argc, argv);
+            std::fputs(morvane::StatusReport::collect().text().c_str(), stdout);
             return EXIT_SUCCESS;
         }
         if (arg == "--version") {
@@ -72,10 +83,11 @@ int main(int argc, char** argv) {
         }
     }
 
-    // A desktop session gets the widgets for the tray; over SSH, under systemd or in CI the
-    // program runs on a plain event loop.
+    // A desktop session gets the widgets for the tray; the install command, and the agent over
+    // SSH, under systemd or in CI, run on a plain event loop. The command never shows a widget,
+    // so a named display that cannot be reached (a stale DISPLAY over SSH) must not stop it.
     std::unique_ptr<QCoreApplication> app;
-    if (hasDisplay()) {
+    if (!morvane::Utils::wasRunFromCommandLine() && hasDisplay()) {
         app = std::make_unique<QApplication>(argc, argv);
     } else {
         app = std::make_unique<QCoreApplication>(argc, argv);
@@ -95,6 +107,12 @@ int main(int argc, char** argv) {
     });
     morvane::platform::MainQueue::async([&delegate] { delegate.start(); });
     const int status = app->exec();
+    // What was posted before the loop ended still runs: the install command ends on the spot
+    // after its last step, and the log lines of that step (an administrator's only clue to a
+    // mistyped key) are blocks on the main queue. Blocks those post in turn run too.
+    for (int round = 0; round < 8; ++round) {
+        QCoreApplication::sendPostedEvents();
+    }
     // Workers may still be in a request to the device server; it ends with its own time-out,
     // not with the loop, and what it writes replaces files atomically. Waiting for it would
     // hold up the end of the session, and destroying the objects it uses (the application,

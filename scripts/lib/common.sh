@@ -19,6 +19,9 @@ MORVANE_PACKAGES=(
     libspdlog-dev libgmp-dev libknot-dev libldns-dev
     # fuzzing and sanitizer runtimes
     clang libclang-rt-14-dev
+    # the Debian package: its build (icons rendered from SVG), lintian, and the checks of the
+    # installed package (desktop entry, polkit DTD, and polkitd, which the package depends on)
+    dpkg-dev debhelper lintian librsvg2-bin desktop-file-utils libxml2-utils polkitd
 )
 
 say() { printf '==> %s\n' "$*"; }
@@ -40,9 +43,10 @@ ensure_packages() {
 }
 
 # configure_build <build dir> [extra cmake arguments...]
+# Developers and CI build with warnings as errors; packagers do not (the option's default).
 configure_build() {
     local dir=$1; shift
-    cmake -S "$MORVANE_ROOT" -B "$dir" -G Ninja -Wno-dev "$@" >/dev/null
+    cmake -S "$MORVANE_ROOT" -B "$dir" -G Ninja -Wno-dev -DMORVANE_WERROR=ON "$@" >/dev/null
 }
 
 # build <build dir> [targets...]

@@ -54,27 +54,19 @@ std::optional<DeviceConfiguration> TarnLogger::deviceConfigResponse() const {
 }
 
 LogLevel TarnLogger::effectiveLevel() {
-    std::optional<bool> logDebug;
-    {
-        std::lock_guard lock(mutex_);
-        if (!deviceConfigResponse_) {
-            return LogLevel::production;
-        }
-        const auto& result = deviceConfigResponse_->result;
-        if (result && result->cfg && result->cfg->runtime && result->cfg->runtime->tarn &&
-            result->cfg->runtime->tarn->logLevel) {
-            logDebug = *result->cfg->runtime->tarn->logLevel != LogLevel::none;
-            // Every log call passes here: the store is written only when the answer changes.
-            if (logDebug == lastLogDebug_) {
-                logDebug.reset();
-            } else {
-                lastLogDebug_ = logDebug;
-            }
-        }
+    // The write happens on every call, so a user who turned debugging off in the menu is
+    // turned back on by the next log call while the server names a level. It happens under
+    // the lock that guards the configuration, so that two threads passing here with two
+    // configurations leave the default of the one that came last, not of whichever wrote last.
+    std::lock_guard lock(mutex_);
+    if (!deviceConfigResponse_) {
+        return LogLevel::production;
     }
-    if (logDebug) {
+    const auto& result = deviceConfigResponse_->result;
+    if (result && result->cfg && result->cfg->runtime && result->cfg->runtime->tarn &&
+        result->cfg->runtime->tarn->logLevel) {
         const auto defaults = platform::UserDefaults::standard();
-        if (*logDebug) {
+        if (*result->cfg->runtime->tarn->logLevel != LogLevel::none) {
             defaults->setBool(true, "LogDebug");
         } else {
             defaults->removeObjectForKey("LogDebug");

@@ -27,7 +27,7 @@ class TarnLogger : public std::enable_shared_from_this<TarnLogger> {
 public:
     void log(const std::string& message, LogLevel level);
     /// The level the logger works at. A server configuration that names a level also turns
-    /// the "LogDebug" default on, or off for "none".
+    /// the "LogDebug" default on, or off for "none", on every call.
     LogLevel effectiveLevel();
     /// Installs the console and file destinations; main queue only.
     void setup();
@@ -48,7 +48,6 @@ public:
 private:
     mutable std::mutex mutex_;
     std::optional<DeviceConfiguration> deviceConfigResponse_;
-    std::optional<bool> lastLogDebug_;
 };
 
 }  // namespace morvane

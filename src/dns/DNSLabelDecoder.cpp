@@ -2,14 +2,18 @@
 
 #include <span>
 
+#include "dns/DNSWireFormat.h"
 #include "dns/DNSWireReader.h"
 
 namespace morvane::dns {
 namespace {
 
-// Copies a label's bytes behind the name read so far and tells whether all were ASCII, in one
-// pass: labels are short, and a loop the compiler can see through beats a call to memcpy.
-bool appendASCII(std::span<const std::uint8_t> label, char* destination) {
+// Appends a label's bytes and tells whether all were ASCII, in one pass: labels are short,
+// and a loop the compiler can see through beats a call to memcpy.
+bool appendASCII(std::span<const std::uint8_t> label, std::string& text) {
+    const std::size_t start = text.size();
+    text.resize(start + label.size());
+    char* destination = text.data() + start;
     std::uint8_t all = 0;
     for (const std::uint8_t byte : label) {
         all |= byte;
@@ -23,56 +27,68 @@ bool appendASCII(std::span<const std::uint8_t> label, char* destination) {
 void DNSLabelDecoder::decodeLabelInBuffer(const std::uint8_t* buffer, std::uint32_t& offset,
                                           std::uint32_t length) {
     name_.reset();
-    if (readLabels(buffer, offset, length)) {
-        compileNameAndReset();
+    labels_.clear();
+    if (readName(buffer, offset, length, 0, labels_) == Outcome::name) {
+        name_.emplace(std::move(labels_));
     }
+    labels_.clear();
+    resetBufferToSize(0);
+    state_ = State::readLength;
 }
 
 bool DNSLabelDecoder::decodeLabelInto(std::string& name, const std::uint8_t* buffer,
                                       std::uint32_t& offset, std::uint32_t length) {
-    if (!readLabels(buffer, offset, length)) {
-        return false;
+    // Straight into a text of our own that keeps its capacity from name to name, then one
+    // copy into the caller's.
+    labels_.clear();
+    const bool decoded = readName(buffer, offset, length, 0, labels_) == Outcome::name;
+    if (decoded) {
+        name.assign(labels_);
     }
-    // Straight from the labels into the caller's text: one copy, not two.
-    if (labelsSize_ == 0) {
-        name.assign(1, '.');
-    } else {
-        name.assign(labels_.data(), labelsSize_);
-    }
-    labelsSize_ = 0;
-    return true;
+    labels_.clear();
+    resetBufferToSize(0);
+    state_ = State::readLength;
+    return decoded;
 }
 
-bool DNSLabelDecoder::readLabels(const std::uint8_t* buffer, std::uint32_t& offset,
-                                 std::uint32_t length) {
-    DNSWireReader reader(buffer, length, offset);
-    // Where the caller's offset ends up once the first pointer has been taken.
-    std::optional<std::uint32_t> offsetBehindPointer;
-    unsigned pointerHops = 0;
-    std::uint32_t wireSize = 1;  // the final zero byte
+DNSLabelDecoder::Outcome DNSLabelDecoder::readName(const std::uint8_t* buffer,
+                                                   std::uint32_t& offset, std::uint32_t length,
+                                                   unsigned depth, std::string& text) {
+    const std::size_t start = text.size();
+    const auto fail = [&](Outcome outcome) {
+        text.resize(start);
+        resetBufferToSize(0);
+        state_ = State::readLength;
+        return outcome;
+    };
+    // Ends the name with what was read, the root's "." when no piece was.
+    const auto compile = [&](std::uint32_t end) {
+        if (text.size() == start) {
+            text.push_back('.');
+        }
+        resetBufferToSize(0);
+        state_ = State::readLength;
+        offset = end;
+        return Outcome::name;
+    };
 
+    DNSWireReader reader(buffer, length, offset);
+    std::uint8_t pointerHighBits = 0;
+    state_ = State::readLength;
     while (true) {
         if (reader.atEnd()) {
-            failAndReset();
-            return false;
+            return fail(Outcome::failed);
         }
         switch (state_) {
             case State::readLength: {
                 const std::uint8_t byte = reader.readUInt8();
                 if ((byte & wire::pointerTag) == wire::pointerTag) {
-                    pointerHighBits_ = byte & static_cast<std::uint8_t>(~wire::pointerTag);
+                    pointerHighBits = byte & static_cast<std::uint8_t>(~wire::pointerTag);
                     resetBufferToSize(1);
                     state_ = State::readPointer;
                 } else if (byte == 0) {
-                    // The name is whole; the caller compiles it from the labels.
-                    offset = offsetBehindPointer.value_or(reader.offset());
-                    return true;
+                    return compile(reader.offset());
                 } else {
-                    wireSize += 1 + byte;
-                    if (wireSize > wire::maximumNameSize) {
-                        failAndReset();
-                        return false;
-                    }
                     resetBufferToSize(byte);
                     state_ = State::readLabel;
                 }
@@ -83,62 +99,55 @@ bool DNSLabelDecoder::readLabels(const std::uint8_t* buffer, std::uint32_t& offs
                 // end of the buffer or at the first byte that is no ASCII.
                 const auto label = reader.readBytes(bufferSize_);
                 if (reader.failed()) {
-                    failAndReset();
-                    return false;
+                    return fail(Outcome::failed);
                 }
-                // The size check on the length byte keeps this within the array: the text of a
-                // name is two bytes shorter than its wire form.
-                if (labelsSize_ > 0) {
-                    labels_[labelsSize_++] = '.';
+                if (text.size() > start) {
+                    text.push_back('.');
                 }
-                if (!appendASCII(label, labels_.data() + labelsSize_)) {
-                    failAndReset();
-                    return false;
+                if (!appendASCII(label, text)) {
+                    return fail(Outcome::failed);
                 }
-                labelsSize_ += static_cast<std::uint32_t>(label.size());
                 resetBufferToSize(0);
                 state_ = State::readLength;
                 break;
             }
             case State::readPointer: {
-                const std::uint32_t target =
-                    std::uint32_t{pointerHighBits_} << 8 | reader.readUInt8();
-                if (++pointerHops > maximumPointerHops) {
-                    failAndReset();
-                    return false;
+                std::uint32_t target = std::uint32_t{pointerHighBits} << 8 | reader.readUInt8();
+                if (depth >= maximumPointerHops) {
+                    return fail(Outcome::loop);
                 }
-                if (!offsetBehindPointer) {
-                    offsetBehindPointer = reader.offset();
+                const std::uint32_t behindPointer = reader.offset();
+                const std::size_t beforePiece = text.size();
+                if (beforePiece > start) {
+                    text.push_back('.');
                 }
-                reader = DNSWireReader(buffer, length, target);
-                resetBufferToSize(0);
-                state_ = State::readLength;
-                break;
+                const Outcome targetOutcome = readName(buffer, target, length, depth + 1, text);
+                if (targetOutcome == Outcome::loop) {
+                    return fail(Outcome::loop);
+                }
+                if (targetOutcome == Outcome::failed) {
+                    // Nothing usable there: the name ends with the labels it had.
+                    text.resize(beforePiece);
+                }
+                return compile(behindPointer);
             }
         }
     }
 }
 
 void DNSLabelDecoder::compileNameAndReset() {
-    if (labelsSize_ == 0) {
+    if (labels_.empty()) {
         name_.emplace(1, '.');
     } else {
-        name_.emplace(labels_.data(), labelsSize_);
+        name_.emplace(std::move(labels_));
     }
-    labelsSize_ = 0;
+    labels_.clear();
     resetBufferToSize(0);
     state_ = State::readLength;
 }
 
 void DNSLabelDecoder::resetBufferToSize(std::uint32_t size) {
     bufferSize_ = size;
-}
-
-void DNSLabelDecoder::failAndReset() {
-    name_.reset();
-    labelsSize_ = 0;
-    resetBufferToSize(0);
-    state_ = State::readLength;
 }
 
 }  // namespace morvane::dns

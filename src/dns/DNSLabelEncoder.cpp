@@ -11,9 +11,9 @@ std::vector<std::uint8_t> DNSLabelEncoder::encode(std::string_view name) {
 }
 
 void DNSLabelEncoder::encode(std::string_view name, DNSWireWriter& writer) {
-    // The empty text has no labels, like the root; writing it as one empty piece would end
-    // the name early and leave a stray zero byte in the message.
-    if (name == "." || name.empty()) {
+    // Only "." is the root. Every other text is split at "." into pieces, so the empty text
+    // is one empty piece and ends in two zero bytes, like a trailing dot.
+    if (name == ".") {
         writer.writeUInt8(0);
         return;
     }

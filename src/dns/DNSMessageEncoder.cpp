@@ -1,5 +1,7 @@
 #include "dns/DNSMessageEncoder.h"
 
+#include <utility>
+
 #include "dns/DNSHeaderEncoder.h"
 #include "dns/DNSQuestionEncoder.h"
 #include "dns/DNSWireWriter.h"
@@ -25,9 +27,10 @@ void encodeRecords(const std::optional<DNSResourceRecordList>& records, DNSWireW
         return;
     }
     for (const auto& record : *records) {
-        // An empty slot holds no record; it is left out and not counted.
+        // An empty slot holds no record; it is left out and not counted. The caller's
+        // records are written as they are, as a copy of them would be, and not changed.
         if (record) {
-            record->encode(writer);
+            std::as_const(*record).encode(writer);
         }
     }
 }

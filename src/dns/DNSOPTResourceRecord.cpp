@@ -23,11 +23,18 @@ void DNSOPTResourceRecord::decodeFromResource(const DNSResourceRecord& resource)
     data = resource.data;
 }
 
+std::uint32_t DNSOPTResourceRecord::ttlWord() const {
+    return std::uint32_t{extendedRCode} << wire::extendedRCodeShift |
+           std::uint32_t{version} << wire::versionShift | (dnssecOK ? wire::dnssecOKFlag : 0);
+}
+
+void DNSOPTResourceRecord::storeWireFields() {
+    resourceClass = udpPayloadSize;
+    ttl = ttlWord();
+}
+
 void DNSOPTResourceRecord::encode(DNSWireWriter& writer) const {
-    const std::uint32_t ttlWord = std::uint32_t{extendedRCode} << wire::extendedRCodeShift |
-                                  std::uint32_t{version} << wire::versionShift |
-                                  (dnssecOK ? wire::dnssecOKFlag : 0);
-    encodeRecord(writer, udpPayloadSize, ttlWord);
+    encodeRecord(writer, udpPayloadSize, ttlWord());
 }
 
 std::unique_ptr<DNSResourceRecord> DNSOPTResourceRecord::clone() const {

@@ -19,7 +19,8 @@ public:
     void decodeFromResource(const DNSResourceRecord& resource) override;
     using DNSResourceRecord::encode;
     /// Writes class and TTL from the EDNS fields, so those fields win over `resourceClass`
-    /// and `ttl`; the other bits of the TTL word go out as zero.
+    /// and `ttl`; the other bits of the TTL word go out as zero. The non-const encode stores
+    /// them into `resourceClass` and `ttl` as well.
     void encode(DNSWireWriter& writer) const override;
     std::unique_ptr<DNSResourceRecord> clone() const override;
 
@@ -27,6 +28,12 @@ public:
     std::uint8_t version = 0;
     bool dnssecOK = false;
     std::uint16_t udpPayloadSize = 0;
+
+protected:
+    void storeWireFields() override;
+
+private:
+    std::uint32_t ttlWord() const;
 };
 
 }  // namespace morvane::dns

@@ -32,6 +32,16 @@ void DNSResourceRecord::copyFromResource(const DNSResourceRecord& resource) {
 
 void DNSResourceRecord::decodeFromResource(const DNSResourceRecord&) {}
 
+std::vector<std::uint8_t> DNSResourceRecord::encode() {
+    storeWireFields();
+    return std::as_const(*this).encode();
+}
+
+void DNSResourceRecord::encode(DNSWireWriter& writer) {
+    storeWireFields();
+    std::as_const(*this).encode(writer);
+}
+
 std::vector<std::uint8_t> DNSResourceRecord::encode() const {
     DNSWireWriter writer;
     encode(writer);

@@ -30,9 +30,14 @@ public:
     void copyFromResource(const DNSResourceRecord& resource);
     virtual void decodeFromResource(const DNSResourceRecord& resource);
 
-    std::vector<std::uint8_t> encode() const;
     /// Name, type, class, TTL, data length and data. A data length above 65535 has no wire
-    /// form; only its low 16 bits are written, as for the counts of a message.
+    /// form; only its low 16 bits are written, as for the counts of a message. A record whose
+    /// class and TTL stand for fields of its own writes those fields into them first.
+    std::vector<std::uint8_t> encode();
+    void encode(DNSWireWriter& writer);
+    /// What encode writes, leaving this record as it is, as if a copy were encoded: the
+    /// message encoder writes the caller's records this way.
+    std::vector<std::uint8_t> encode() const;
     virtual void encode(DNSWireWriter& writer) const;
     virtual void encodeData(DNSWireWriter& writer) const;
 
@@ -46,6 +51,9 @@ public:
     std::vector<std::uint8_t> data;
 
 protected:
+    /// Brings `resourceClass` and `ttl` in line with the fields of a typed record before
+    /// encode writes them; nothing to do for a plain record.
+    virtual void storeWireFields() {}
     void encodeRecord(DNSWireWriter& writer, std::uint16_t wireClass, std::uint32_t wireTTL) const;
 };
 

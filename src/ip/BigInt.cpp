@@ -207,6 +207,11 @@ std::string BigInt::toStringWithRadix(int radix) const {
     Limb work[kLimbs];
     int n = 0;
     const AliasedLimb* value = magnitudeOf(*this, work, n);
+    // A negative value is negated before it is rendered, and the most negative one has no
+    // negation: its magnitude comes back with the sign bit still set.
+    if (negative && (value[kLimbs - 1] >> 63) != 0) {
+        throw NamedException(kArithmetic, "Overflow in negation.");
+    }
     if (value != work) {
         std::memcpy(work, data_, sizeof(work));
     }

@@ -107,7 +107,9 @@ std::optional<std::string> changeOwner(const fs::path& path, const std::string& 
     if (!account) {
         return "no account named \"" + accountName + "\"";
     }
-    if (::chown(path.c_str(), account->pw_uid, account->pw_gid) != 0) {
+    // Root hands files under the user's own folder to the user: a link the user planted there
+    // must not hand root's file at its other end, so the link itself changes owner.
+    if (::lchown(path.c_str(), account->pw_uid, account->pw_gid) != 0) {
         return std::string(std::strerror(errno));
     }
     return std::nullopt;

@@ -24,7 +24,8 @@ std::optional<std::string> readTextFile(const std::filesystem::path& path,
 /// a reader, or a crash, never sees half a file. Gives the reason on failure, else nothing.
 std::optional<std::string> writeFileAtomically(const std::filesystem::path& path,
                                                const std::string& content);
-/// Gives the file to the named account and its primary group. The reason on failure.
+/// Gives the file to the named account and its primary group; a link is changed itself, never
+/// followed. The reason on failure.
 std::optional<std::string> changeOwner(const std::filesystem::path& path,
                                        const std::string& accountName);
 

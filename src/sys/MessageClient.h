@@ -4,10 +4,9 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 namespace morvane::sys {
 
@@ -34,7 +33,8 @@ public:
     bool post(const std::string& message, const nlohmann::json& arguments, std::string& error);
 
     /// Receives the server's calls (messages without id). Set before connecting.
-    void setUpwardHandler(std::function<void(const std::string& message, const nlohmann::json& arguments)>);
+    void setUpwardHandler(
+        std::function<void(const std::string& message, const nlohmann::json& arguments)>);
     /// Told once when an established connection ends (closed by the server or broken).
     void setDisconnectHandler(std::function<void(const std::string& reason)>);
 

@@ -2,11 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 namespace morvane::sys {
 
@@ -47,7 +46,7 @@ private:
 /// reply `{"id": n, "reply": {...}}`, a call without reply has no "id".
 struct Message {
     std::optional<std::int64_t> id;
-    std::string message;      // empty for a reply
+    std::string message;       // empty for a reply
     nlohmann::json arguments;  // an object; for a reply, the reply object
     bool isReply = false;
 

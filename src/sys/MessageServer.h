@@ -5,12 +5,11 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "sys/MessageFrame.h"
 #include "sys/PeerCredentials.h"
@@ -63,7 +62,8 @@ public:
 
     /// Sends a call without id (an upward call) to one connection, from any thread.
     /// False when the connection is gone.
-    bool send(std::uint64_t connectionId, const std::string& message, const nlohmann::json& arguments);
+    bool send(std::uint64_t connectionId, const std::string& message,
+              const nlohmann::json& arguments);
     std::vector<Connection> connections() const;
 
 private:

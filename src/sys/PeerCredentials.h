@@ -1,7 +1,8 @@
 #pragma once
 
-#include <optional>
 #include <sys/types.h>
+
+#include <optional>
 
 namespace morvane::sys {
 

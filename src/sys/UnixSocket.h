@@ -1,9 +1,10 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <filesystem>
 #include <string>
-#include <sys/stat.h>
 
 namespace morvane::sys {
 

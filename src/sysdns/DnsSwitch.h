@@ -34,6 +34,15 @@ public:
     /// The network's own DNS servers as captured before the switch (never the proxy itself nor
     /// a stub that forwards to it); empty when unknown.
     virtual std::vector<std::string> originalServers() const = 0;
+
+    /// Whether the settings still send queries to the target of the last `apply` (another
+    /// program may have rewritten them since). Mechanisms that cannot tell say true.
+    virtual bool stillApplied() { return true; }
+    /// A descriptor that becomes readable when the settings may have changed under the switch,
+    /// or -1 when the mechanism has none and is looked at on a timer only.
+    virtual int changeDescriptor() { return -1; }
+    /// Consumes what made `changeDescriptor` readable.
+    virtual void takeChanges() {}
 };
 
 }  // namespace morvane::sysdns

@@ -17,6 +17,7 @@
 #include "support/DevServer.h"
 #include "support/MainLoop.h"
 #include "support/TestEnvironment.h"
+#include "sys/MessageServer.h"
 
 namespace morvane {
 namespace {
@@ -202,6 +203,72 @@ TEST_F(InstallCommandTest, ActionsThisBuildCannotTakeAreStoredAndReportedAsNotCa
                 HasSubstr("STOP=TRUE (stopping the DNS proxy) is stored but not carried out"));
     EXPECT_THAT(output,
                 HasSubstr("RESET=true (resetting the DNS proxy) is stored but not carried out"));
+}
+
+TEST_F(InstallCommandTest, AMistypedValueAsRootIsReportedBeforeTheCommandEnds) {
+    std::string output;
+    auto argv = installArguments();
+    argv[1] = "RPC_ULR=" + server_->baseUrl();  // a mistyped key: no RPC_URL at all
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "the command's end as root needs root";
+    }
+    auto environment = shellEnvironment(sysroot() / "root");
+    environment["SUDO_COMMAND"] = "/usr/bin/morvanecloud";
+    EXPECT_EQ(test::runProgram(argv, environment, &output), 1) << output;
+    EXPECT_THAT(output,
+                HasSubstr("Missing value for RPC_URL. Please provide a URL in the command line"));
+    EXPECT_THAT(output, HasSubstr("failed to validate a required setting: bailing"));
+    EXPECT_THAT(test::readFile(sysroot() / "root/.local/share/MorvaneCloud/Tarn.log"),
+                HasSubstr("Missing value for RPC_URL"));
+}
+
+TEST_F(InstallCommandTest, ACommandLineRunNeedsNoDisplayEvenWhenOneIsNamed) {
+    auto environment = shellEnvironment(userHome());
+    // A display that is named but cannot be reached, as over SSH with a stale DISPLAY.
+    environment["DISPLAY"] = ":97";
+    // The runner makes widgets offscreen; a desktop's default platform is X11.
+    environment["QT_QPA_PLATFORM"] = "xcb";
+    std::string output;
+    EXPECT_EQ(
+        test::runProgram({program().string(), "RPC_URL=https://Bad.Example.net", "INSTALL_KEY=k"},
+                         environment, &output),
+        1)
+        << output;
+    EXPECT_THAT(output, HasSubstr(" RPC_URL value \"https://Bad.Example.net\" is invalid"));
+}
+
+TEST_F(InstallCommandTest, StatusTellsWhatTheFilesAndTheProviderSayAndChangesNothing) {
+    const auto defaults = userHome() / ".config/MorvaneCloud/defaults.ini";
+    const std::string stored =
+        "[General]\nRPC_URL=https://rpc.example.net\nEXTERNAL_IP=203.0.113.7\n";
+    test::writeFile(defaults, stored);
+    test::writeFile(
+        userSupport() / "config.json",
+        R"({"jsonrpc":"2.0","result":{"device":"dk-42","name":"laptop","type":"Tarn"}})");
+
+    auto before = runAsUser({"--status"}, 0);
+    EXPECT_THAT(before, HasSubstr("Enrolled:          yes"));
+    EXPECT_THAT(before, HasSubstr("Device key:        dk-42"));
+    EXPECT_THAT(before, HasSubstr("External address:  203.0.113.7"));
+    EXPECT_THAT(before, HasSubstr("DNS proxy:         not reachable"));
+
+    // The provider's control socket, played by a server that answers as the provider does.
+    sys::MessageServer::Options options;
+    options.path = sysroot() / "run/morvanecloud/dnsproxy.control";
+    options.handler = [](const sys::MessageServer::Connection&, const sys::Message& message) {
+        if (message.message != "status") {
+            return sys::MessageServer::Outcome::refuse();
+        }
+        return sys::MessageServer::Outcome::replyWith(
+            {{"enabled", true}, {"listening", "127.0.0.153:53"}, {"switch", "resolv.conf"}});
+    };
+    sys::MessageServer provider(options);
+    std::string error;
+    ASSERT_TRUE(provider.start(error)) << error;
+    const auto during = runAsUser({"--status"}, 0);
+    EXPECT_THAT(during, HasSubstr("DNS proxy:         enabled, serving on 127.0.0.153:53"));
+    EXPECT_THAT(during, HasSubstr("System DNS switch: resolv.conf"));
+    EXPECT_EQ(test::readFile(defaults), stored);
 }
 
 TEST_F(InstallCommandTest, HelpAloneTouchesNoSetting) {

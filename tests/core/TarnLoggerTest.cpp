@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "core/TarnLogger.h"
-#include "messages/JSONCoding.h"
 #include "logging/LogCenter.h"
+#include "messages/JSONCoding.h"
 #include "platform/ManualScheduler.h"
 #include "platform/UserDefaults.h"
 #include "support/MainLoop.h"
@@ -113,8 +113,19 @@ TEST_F(TarnLoggerTest, TheServersLevelDrivesTheLogDebugDefault) {
     logger_->setDeviceConfigResponse(withLevel("warning"));
     EXPECT_EQ(logger_->effectiveLevel(), LogLevel::production);
     EXPECT_TRUE(defaults->boolForKey("LogDebug"));
+    // The user turns debugging off in the menu; the next call turns it on again, and so
+    // does the next log line.
+    defaults->removeObjectForKey("LogDebug");
+    logger_->effectiveLevel();
+    EXPECT_TRUE(defaults->boolForKey("LogDebug"));
+    defaults->setBool(false, "LogDebug");
+    logger_->log("debugging back on", LogLevel::production);
+    EXPECT_TRUE(defaults->boolForKey("LogDebug"));
 
     logger_->setDeviceConfigResponse(withLevel("none"));
+    logger_->effectiveLevel();
+    EXPECT_FALSE(defaults->stringForKey("LogDebug").has_value());
+    defaults->setBool(true, "LogDebug");
     logger_->effectiveLevel();
     EXPECT_FALSE(defaults->stringForKey("LogDebug").has_value());
 

@@ -111,10 +111,11 @@ TEST(DNSMessageDecoderTest, CNAMEPointerIsTakenAgainstTheRecordData) {
     EXPECT_TRUE(cname.data.empty());
 
     // The usual compressed CNAME points into the message, which the data alone cannot
-    // reach: the name stays absent. So does the name of empty data.
-    EXPECT_FALSE(DNSCNAMEResourceRecord::fromResource(
-                     DNSResourceRecord(5, 1, 0, "x", wireBytes("03 636461 c00c")))
-                     .canonicalName);
+    // reach: the name ends with the labels before the pointer. Empty data has no name.
+    EXPECT_EQ(DNSCNAMEResourceRecord::fromResource(
+                  DNSResourceRecord(5, 1, 0, "x", wireBytes("03 636461 c00c")))
+                  .canonicalName,
+              "cda");
     EXPECT_FALSE(
         DNSCNAMEResourceRecord::fromResource(DNSResourceRecord(5, 1, 0, "x", {})).canonicalName);
 }
@@ -156,6 +157,17 @@ TEST(DNSMessageDecoderTest, ZeroCountsLeaveTheListsAbsent) {
     ASSERT_TRUE(message);
     EXPECT_FALSE(message->questions || message->answers || message->authorityRecords ||
                  message->additionalRecords);
+}
+
+TEST(DNSMessageDecoderTest, PointerPastTheEndKeepsTheMessage) {
+    // The question's name is "foo" and a pointer beyond the 22 bytes of the message.
+    const auto message =
+        decode(wireBytes("0000 0100 0001 0000 0000 0000 03 666f6f c030 0001 0001"));
+    ASSERT_TRUE(message);
+    ASSERT_TRUE(message->questions);
+    ASSERT_EQ(message->questions->size(), 1u);
+    EXPECT_EQ(message->questions->front().name, "foo");
+    EXPECT_EQ(message->questions->front().type, 1);
 }
 
 TEST(DNSMessageDecoderTest, BadNamesAnywhereLoseTheMessage) {

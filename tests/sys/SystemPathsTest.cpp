@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "sys/SystemPaths.h"
 #include "support/TestEnvironment.h"
+#include "sys/SystemPaths.h"
 
 namespace morvane::sys {
 namespace {

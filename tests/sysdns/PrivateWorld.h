@@ -1,0 +1,48 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace morvane::sysdns::test {
+
+/// The exit status of a child role that could not build its world here (no unshare, no
+/// dbus-daemon): the test reports itself skipped with the child's output as the reason.
+inline constexpr int kSkipStatus = 77;
+
+/// Moves this process into a network and a mount namespace of its own, with loopback up and
+/// mounts no longer shared with the machine. Only for a fresh, single-threaded process (a child
+/// role): a test never changes the machine's own DNS.
+bool enterPrivateWorld(std::string& error);
+/// Mounts `source` over `target` (a file over a file), as containers do with resolv.conf.
+bool bindOver(const std::filesystem::path& source, const std::filesystem::path& target,
+              std::string& error);
+bool remountReadOnly(const std::filesystem::path& target, std::string& error);
+/// A tmpfs over a folder, so that what resolved or the switch write under /run stays private.
+bool mountTmpfs(const std::filesystem::path& target, std::string& error);
+
+/// A dbus-daemon of the system bus kind on a socket in `folder`, that lets every peer own any
+/// name and call anything (the test's own processes are its only clients). Sets
+/// DBUS_SYSTEM_BUS_ADDRESS for this process and its children while it lives.
+class PrivateSystemBus {
+public:
+    explicit PrivateSystemBus(std::filesystem::path folder);
+    ~PrivateSystemBus();
+    PrivateSystemBus(const PrivateSystemBus&) = delete;
+    PrivateSystemBus& operator=(const PrivateSystemBus&) = delete;
+
+    bool start(std::string& error);
+    std::string address() const;
+
+private:
+    std::filesystem::path folder_;
+    pid_t pid_ = -1;
+};
+
+/// Waits for the condition, checking every few milliseconds, up to a generous limit.
+bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds limit);
+
+}  // namespace morvane::sysdns::test
