@@ -53,13 +53,17 @@ QtStatusBar::~QtStatusBar() {
 }
 
 QString QtStatusBar::iconPath(const std::string& imageName) {
-    const QString file = QStringLiteral("morvanecloud/%1.svg").arg(text(imageName));
-    const QString installed = QStandardPaths::locate(
-        QStandardPaths::GenericDataLocation, QStringLiteral("icons/hicolor/scalable/apps/") + file);
+    // The application's own icon lives in the icon theme; the tray's marks in the program's
+    // data folder.
+    const QString name = text(imageName);
+    const QString file = name == QLatin1String("morvanecloud")
+                             ? QStringLiteral("icons/hicolor/scalable/apps/morvanecloud.svg")
+                             : QStringLiteral("morvanecloud/icons/%1.svg").arg(name);
+    const QString installed = QStandardPaths::locate(QStandardPaths::GenericDataLocation, file);
     if (!installed.isEmpty()) {
         return installed;
     }
-    return QStringLiteral(":/icons/%1.svg").arg(text(imageName));
+    return QStringLiteral(":/icons/%1.svg").arg(name);
 }
 
 bool QtStatusBar::createStatusItem(ClickHandler onClick) {

@@ -38,7 +38,8 @@ public:
     QMenu* menu() const { return menu_.data(); }
     QSystemTrayIcon* trayIcon() const { return tray_.data(); }
     QWidget* panel() const { return panel_.data(); }
-    /// The file behind an image name: the installed icon, else the one built in.
+    /// The file behind an image name: the installed copy (share/morvanecloud/icons, or the
+    /// icon theme for the application's own icon), else the one built in.
     static QString iconPath(const std::string& imageName);
 
 private:

@@ -146,12 +146,15 @@ void TarnStatusBarController::sayNoStatusNotifierHost() {
         return;
     }
     logObject(kNoHostMessage);
-    Dependencies::shared()->resolve<TarnLogger>()->log(kNoHostMessage, LogLevel::warning);
+    const auto services = Dependencies::shared();
+    if (!services) {
+        return;
+    }
+    services->resolve<TarnLogger>()->log(kNoHostMessage, LogLevel::warning);
     ui::UserNotificationCenter::current()->getNotificationSettings(
-        [](ui::NotificationSettings settings) {
-            auto notification = Dependencies::shared()->resolve<TarnUserNotification>();
-            notification->sendNotification(settings, "Tarn Notification", kNoHostMessage,
-                                           [](bool) {});
+        [services](ui::NotificationSettings settings) {
+            services->resolve<TarnUserNotification>()->sendNotification(
+                settings, "Tarn Notification", kNoHostMessage, [](bool) {});
         });
 }
 
