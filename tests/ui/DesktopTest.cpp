@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <QAction>
 #include <QApplication>
 #include <QCheckBox>
 #include <QDBusConnection>
@@ -164,7 +165,17 @@ MORVANE_CHILD_ROLE(tray_screenshots) {
     }
     menu->close();
 
-    controller->showLocalRulesWindow();
+    // The tester's way in: with MORVANECLOUD_LOCAL_RULES=1 the opened menu offers the panel.
+    QAction* localRules = nullptr;
+    for (QAction* action : menu->actions()) {
+        if (action->text() == QLatin1String("Local Rules...")) {
+            localRules = action;
+        }
+    }
+    if (localRules == nullptr) {
+        return fail("the opened menu has no Local Rules entry for the tester");
+    }
+    localRules->trigger();
     if (!waitFor([&] {
             QWidget* shown = bar->panel();
             return shown != nullptr && shown->isVisible();
@@ -193,6 +204,24 @@ MORVANE_CHILD_ROLE(tray_screenshots) {
     }
     settle(panel);
     panel->grab().save(QString::fromStdString((shots / "local-rules-panel.png").string()));
+
+    // About, from the menu entry, with the version and build.
+    controller->perform(ui::MenuAction::showAboutWindow);
+    QWidget* about = nullptr;
+    waitFor([&about] {
+        for (QWidget* window : QApplication::topLevelWidgets()) {
+            if (window->isVisible() &&
+                window->windowTitle() == QLatin1String("About Morvane Cloud Tarn")) {
+                about = window;
+            }
+        }
+        return about != nullptr;
+    });
+    if (about == nullptr) {
+        return fail("no About panel");
+    }
+    about->move(520, 300);
+    settle(about);
     QGuiApplication::primaryScreen()->grabWindow(0).save(
         QString::fromStdString((shots / "local-rules-screen.png").string()));
     return 0;
@@ -343,6 +372,7 @@ TEST_F(DesktopTest, TrayMenuAndRulesPanelOnAStatusNotifierHost) {
     env["XDG_DATA_HOME"] = (desktop.folder() / "data").string();
     env["MORVANE_HANDSHAKE"] = handshake.string();
     env["MORVANE_SHOTS"] = shots.string();
+    env["MORVANECLOUD_LOCAL_RULES"] = "1";
     const int pid = test::startChild("tray_screenshots", env);
     ASSERT_GT(pid, 0);
     int status = -1;
