@@ -15,6 +15,9 @@ MORVANE_PACKAGES=(
     # the DNS switch's namespace tests: veth pairs, and systemd-resolved unpacked (never
     # installed) from its package, whose version must match the installed systemd
     iproute2 apt systemd
+    # the tray's SVG icons; a private X server and a real notification daemon for the
+    # desktop tests of the user interface
+    libqt6svg6 xvfb dunst
     # peers the benchmarks measure against
     libspdlog-dev libgmp-dev libknot-dev libldns-dev
     # the DNS forwarder's benchmark: the load generator and dnsmasq (dnsmasq-base: the program
