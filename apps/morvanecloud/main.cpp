@@ -3,10 +3,12 @@
 // environment: a process started from a shell has "SUDO_COMMAND" or "PWD".
 #include <QApplication>
 #include <QCoreApplication>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "app/AppDelegate.h"
@@ -14,6 +16,7 @@
 #include "logging/LogCenter.h"
 #include "platform/BuildInfo.h"
 #include "platform/MainQueue.h"
+#include "platform/RunningInstances.h"
 #include "platform/TerminationSignals.h"
 #include "settings/Utils.h"
 
@@ -21,13 +24,14 @@ namespace {
 
 constexpr const char* kUsage =
     "Usage: sudo morvanecloud RPC_URL=<url> INSTALL_KEY=<key> [KEY=VALUE ...]\n"
-    "       morvanecloud --status | --help | --version\n"
+    "       morvanecloud --status | --quit | --help | --version\n"
     "\n"
     "Started from a shell, morvanecloud is the install command: it clears the stored\n"
     "settings (all but INSTALL_KEY), takes the KEY=VALUE arguments and enrols the machine.\n"
     "Run as root, it leaves the values for the user's agent in /tmp/.tarncookie; run as\n"
     "the user, it enrols at once. Started by the desktop session (no SUDO_COMMAND and no\n"
-    "PWD in its environment) it is the agent, which runs until the session ends.\n"
+    "PWD in its environment) it is the agent, which runs until the session ends or the user\n"
+    "quits it.\n"
     "\n"
     "Keys:\n"
     "  RPC_URL=<url>              device server, e.g. https://rpc.example.net:8443 (required)\n"
@@ -43,14 +47,43 @@ constexpr const char* kUsage =
     "  RPC_PORT=<port>, IGNORE_VPNS=<list>\n"
     "  DOWNLOAD_CERT=true         fetch http://<RPC_URL host>/ssl/ca.der and trust it\n"
     "                             (/usr/local/share/ca-certificates, update-ca-certificates)\n"
-    "  STOP=TRUE, RESET=true      stored, but this build cannot carry them out yet\n"
+    "  STOP=TRUE                  stop the DNS proxy\n"
+    "  RESET=true                 remove the DNS proxy and end the user's other agents\n"
     "\n"
     "--status tells whether the machine is enrolled, its device key, the DNS proxy's state as\n"
     "the provider reports it, the system DNS switch in force, VPN and the last external address;\n"
     "it changes nothing.\n"
+    "--quit asks the user's running agent to quit, as Ctrl-C on its terminal does: the DNS\n"
+    "proxy is switched off and removed, and the machine's DNS is as before. The end of the\n"
+    "session (SIGTERM or SIGHUP from the session manager) leaves the proxy filtering.\n"
     "\n"
-    "Exit status: 0 done; 1 invalid or missing values; 4 values stored but an asked-for\n"
-    "action (STOP, RESET) is not available in this build.\n";
+    "Exit status: 0 done; 1 invalid or missing values (or, for --quit, no agent running).\n";
+
+// Asks every agent of this user to quit as the user would, and waits for them to go.
+int quitRunningAgents() {
+    const auto agents = morvane::platform::runningAgents();
+    if (agents.empty()) {
+        std::fputs("morvanecloud: no agent of yours is running\n", stderr);
+        return EXIT_FAILURE;
+    }
+    for (const pid_t pid : agents) {
+        ::kill(pid, SIGINT);
+    }
+    // Taking the proxy down asks the provider over its socket; a minute covers a slow one.
+    for (int i = 0; i < 600; ++i) {
+        bool running = false;
+        for (const pid_t pid : agents) {
+            running = running || ::kill(pid, 0) == 0;
+        }
+        if (!running) {
+            std::printf("morvanecloud: the agent has quit\n");
+            return EXIT_SUCCESS;
+        }
+        ::usleep(100 * 1000);
+    }
+    std::fputs("morvanecloud: the agent did not quit within a minute\n", stderr);
+    return EXIT_FAILURE;
+}
 
 bool hasDisplay() {
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) {
@@ -77,6 +110,9 @@ int main(int argc, char** argv) {
             std::fputs(morvane::StatusReport::collect().text().c_str(), stdout);
             return EXIT_SUCCESS;
         }
+        if (arg == "--quit") {
+            return quitRunningAgents();
+        }
         if (arg == "--version") {
             std::printf("morvanecloud %s (%s)\n", morvane::build::kVersion,
                         morvane::build::kBuildNumber);
@@ -100,10 +136,23 @@ int main(int argc, char** argv) {
     morvane::AppDelegate delegate(std::move(arguments), [](morvane::ExitStatus status) {
         QCoreApplication::exit(static_cast<int>(status));
     });
-    // A signal is how the session or the service manager ends the agent.
-    morvane::platform::onTerminationSignal([&delegate](int) {
-        if (delegate.applicationShouldTerminate(true)) {
+    // How a Linux agent is asked to quit: SIGINT is the user's own quit (Ctrl-C on a terminal,
+    // `morvanecloud --quit`), which takes the DNS proxy down; SIGTERM and SIGHUP come from the
+    // session manager or systemd at logout and shutdown, and leave the proxy in place.
+    morvane::platform::onTerminationSignal([&delegate](int signal) {
+        static bool quitting = false;
+        if (quitting) {
+            return;
+        }
+        quitting = true;
+        const bool sessionEnding = signal != SIGINT;
+        auto quit = [&delegate] {
+            delegate.applicationWillTerminate();
             QCoreApplication::exit(EXIT_SUCCESS);
+        };
+        if (delegate.applicationShouldTerminate(sessionEnding, quit) ==
+            morvane::AppDelegate::TerminateReply::now) {
+            quit();
         }
     });
     morvane::platform::MainQueue::async([&delegate] { delegate.start(); });

@@ -1,11 +1,15 @@
 #include "app/AppDelegate.h"
 
 #include <cstdio>
+#include <csignal>
 #include <cstdlib>
 
+#include "app/ProxyWiring.h"
 #include "helper/DownloadCertManager.h"
 #include "platform/MainQueue.h"
+#include "platform/RunningInstances.h"
 #include "platform/StandardOutput.h"
+#include "platform/SystemLog.h"
 #include "platform/URL.h"
 #include "settings/Utils.h"
 
@@ -49,10 +53,7 @@ void AppDelegate::startAgent() {
     fileSetup.watchRootFiles();
     settings->setValue("false", Key::showTestMenu);
     if (installExtensionRequested() && !settings->userDefaults->boolForKey("uninstalling")) {
-        logger->log(
-            "The DNS proxy extension cannot be activated: this build has no DNS proxy "
-            "control yet",
-            LogLevel::production);
+        sharedProxyManager()->activateExtension();
     }
     settings->userDefaults->removeObjectForKey("uninstalling");
     registerAppDefaults();
@@ -137,7 +138,7 @@ bool AppDelegate::stopProxyIfNeeded() {
     if (settings->userDefaults->stringForKey("STOP") != "TRUE") {
         return false;
     }
-    notCarriedOut("STOP=TRUE (stopping the DNS proxy)");
+    sharedProxyManager()->stopProxy();
     return true;
 }
 
@@ -146,20 +147,19 @@ bool AppDelegate::resetExtensionIfNeeded() {
     if (settings->userDefaults->stringForKey("RESET") != "true") {
         return false;
     }
-    notCarriedOut("RESET=true (resetting the DNS proxy)");
-    // The deactivation would have ended the process when it reported back.
-    MainQueue::async([this] { terminate(); });
+    sharedProxyManager()->deactivateExtension([this](std::optional<ProxyError> error) {
+        // The request's completion comes on a queue of the proxy control; the process is
+        // ended from the main queue.
+        MainQueue::async([this, failed = error.has_value()] {
+            if (failed) {
+                logger->log("failed to removed extension", LogLevel::production);
+            } else {
+                terminateOtherInstances();
+            }
+            terminate();
+        });
+    });
     return true;
-}
-
-void AppDelegate::notCarriedOut(const std::string& what) {
-    std::fprintf(stderr,
-                 "morvanecloud: %s is stored but not carried out: this build has no DNS proxy "
-                 "control or certificate installation yet\n",
-                 what.c_str());
-    if (status_ == ExitStatus::success) {
-        status_ = ExitStatus::actionNotAvailable;
-    }
 }
 
 void AppDelegate::finishCommandLineRun() {
@@ -184,11 +184,20 @@ void AppDelegate::finishCommandLineRun() {
 }
 
 void AppDelegate::endExtensionAndQuit() {
-    status_ = ExitStatus::invalidArguments;
-    // Only begins the quit: the rest of the start runs on until the unload has reported
-    // back. Nothing of the proxy's configuration exists to unload in this build, so the
-    // report is the next block of the main queue.
-    MainQueue::async([this] { terminate(); });
+    if (wasRunFromCommandLine_ && status_ == ExitStatus::success) {
+        status_ = ExitStatus::invalidArguments;
+    }
+    // Only begins the quit: the rest of the start runs on until the unload has reported back.
+    sharedProxyManager()->unloadConfigurations(true, [this](std::optional<ProxyError>) {
+        MainQueue::async([this] { terminate(); });
+    });
+}
+
+void AppDelegate::terminateOtherInstances() {
+    // A quit asked of each, as the user's own quit would.
+    for (const pid_t pid : platform::otherInstances()) {
+        ::kill(pid, SIGINT);
+    }
 }
 
 void AppDelegate::terminate() {
@@ -204,22 +213,42 @@ void AppDelegate::terminate() {
     }
 }
 
-bool AppDelegate::applicationShouldTerminate(bool sessionEnding) {
+AppDelegate::TerminateReply AppDelegate::applicationShouldTerminate(bool sessionEnding,
+                                                                 std::function<void()> replyToTerminate) {
     if (wasRunFromCommandLine_) {
-        return true;
+        return TerminateReply::now;
     }
     settings->userDefaults->setBool(true, "uninstalling");
     auto observer = appHelper.changeObserver.get();
     observer->cancelSubscriptions(observer->cancellables);
     if (sessionEnding) {
-        // Configuration and extension stay as they are, and so does "uninstalling".
-        return true;
+        // Configuration and provider stay in place, and so does "uninstalling": the next
+        // start of the session asks for no activation, the one after it does.
+        return TerminateReply::now;
     }
-    // Removing the proxy's configuration and the extension needs DNS proxy control, which
-    // this build does not have yet: the process goes as at the end of a session.
-    logger->log("quitting without removing the DNS proxy: this build has no DNS proxy control",
-                LogLevel::production);
-    return true;
+    auto manager = sharedProxyManager();
+    manager->unloadConfigurations(false, [](std::optional<ProxyError> error) {
+        if (error) {
+            platform::writeSystemLog("Error removing preferences " + error->localizedDescription());
+        } else {
+            platform::writeSystemLog("Removed extension from preferences");
+        }
+    });
+    manager->deactivateExtension(
+        [this, replyToTerminate = std::move(replyToTerminate)](std::optional<ProxyError>) {
+            MainQueue::async([this, replyToTerminate] {
+                settings->userDefaults->removeObjectForKey("uninstalling");
+                settings->userDefaults->synchronize();
+                if (replyToTerminate) {
+                    replyToTerminate();
+                }
+            });
+        });
+    return TerminateReply::later;
+}
+
+void AppDelegate::applicationWillTerminate() {
+    platform::printLine("applicationWillTerminate");
 }
 
 bool AppDelegate::installExtensionRequested() {

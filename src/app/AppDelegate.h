@@ -17,9 +17,6 @@ enum class ExitStatus : int {
     success = 0,
     /// The install command's values failed validation; nothing was enrolled.
     invalidArguments = 1,
-    /// The values were stored, but an action they asked for (STOP, RESET) cannot be carried
-    /// out by this build.
-    actionNotAvailable = 4,
 };
 
 /// Decides which of its two roles the process plays and runs that role's sequence: the
@@ -33,8 +30,13 @@ public:
 
     /// The whole start sequence; one block of main-thread work.
     void start();
-    /// The answer to a request to quit: true when the process may go at once.
-    bool applicationShouldTerminate(bool sessionEnding);
+    enum class TerminateReply { now, later };
+    /// The answer to a request to quit. `sessionEnding` tells a quit by the end of the user's
+    /// session from one by the user. `later`: the provider's configuration is being removed and
+    /// `replyToTerminate` is called on the main queue when the process may go.
+    TerminateReply applicationShouldTerminate(bool sessionEnding, std::function<void()> replyToTerminate);
+    /// The last word before the process ends.
+    void applicationWillTerminate();
 
     ApplicationStartHelper appHelper;
     Injected<TarnLogger> logger;
@@ -52,7 +54,7 @@ private:
     void finishCommandLineRun();
     void registerAppDefaults();
     void endExtensionAndQuit();
-    void notCarriedOut(const std::string& what);
+    void terminateOtherInstances();
     void terminate();
     static bool installExtensionRequested();
     static bool isRunningInDevelopmentTool();

@@ -116,15 +116,4 @@ void ChangeObserver::resetTimerIfNeeded(ChangeType changeType) {
     }
 }
 
-bool ChangeObserver::userAcceptedExtension() {
-    return false;
-}
-
-void ChangeObserver::reloadConfigIfNeeded(ChangeType) {}
-
-void ChangeObserver::showChangeNotification(ChangeType) {}
-
-void ChangeObserver::handleOnChange(const std::optional<platform::Notification>&, ChangeType,
-                                    bool) {}
-
 }  // namespace morvane

@@ -18,6 +18,11 @@
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
+#include "app/MenuInteraction.h"
+#include "helper/TarnHelperProxy.h"
+#include "proxy/NetworkExtensionManager.h"
+#include "proxy/SharedDefaultsManager.h"
+#include "ui/TarnUserNotification.h"
 #include "watch/NCSICheck.h"
 #include "watch/NetworkCheck.h"
 #include "watch/VPNMonitor.h"
@@ -65,6 +70,12 @@ public:
     Injected<VPNMonitor> vpnMonitor;
     Injected<NCSICheck> tarnStatusCheck;
     Injected<NetworkCheck> networkCheck;
+    Injected<SharedDefaultsManager> sharedDefaultsManager;
+    Injected<TarnUserNotification> userNotification;
+    /// The privileged helper's client; the pass asks it to flush DNS and nothing else.
+    std::shared_ptr<TarnHelperProxy> tarnhelperProxy = TarnHelperProxy::sharedInstance();
+    /// The status bar, made on first need.
+    std::optional<MenuInteraction> menuInteraction;
 
     std::shared_ptr<platform::DispatchQueue> concurrentQueue;
     platform::Clock::time_point startTime;
@@ -83,13 +94,46 @@ public:
     std::optional<DeviceConfiguration> config;
 
 protected:
-    // The steps of the policy pass. They do nothing until the extension, the installer
-    // hand-over, the notifications and the pass itself are in place.
+    // The steps of the policy pass, in the order onChange calls them.
     virtual bool userAcceptedExtension();
     virtual void reloadConfigIfNeeded(ChangeType changeType);
     virtual void showChangeNotification(ChangeType changeType);
     virtual void handleOnChange(const std::optional<platform::Notification>& notification,
                                 ChangeType changeType, bool userAcceptedExtension);
+
+public:
+    /// The working state of one event's pass, shared by its steps: the change type, which the
+    /// external address may turn into `ipAddressChanged`, and whether a VPN runs.
+    struct PassCells {
+        ChangeType changeType = ChangeType::onStartup;
+        bool vpnRunning = false;
+    };
+
+    /// The status code of the menu for a change type.
+    static int statusCode(ChangeType changeType);
+    /// The resolvers of every forwarding rule that has some, in rule order, duplicates kept.
+    static std::vector<std::string> resolverList(const std::optional<DeviceConfiguration>& config);
+    std::optional<DeviceConfiguration> currentConfiguration(
+        const std::optional<platform::Notification>& notification, ChangeType changeType);
+    virtual void setMenubarStatus(ChangeType changeType, bool hasIpAddress, bool userAcceptedExtension,
+                                  bool vpnRunning);
+    void createMenuIfNeeded();
+    void updateMenuAndExtension(const DeviceConfiguration& configuration, ChangeType changeType,
+                                const std::string& ip);
+    void updateMenu(const std::string& ip, const DeviceConfiguration& configuration);
+    void updateNetworkExtension(ChangeType changeType, const DeviceConfiguration& configuration);
+    void resetNetworkExtension(const DeviceConfiguration& configuration);
+
+protected:
+    /// The DNS proxy manager and the status bar as the pass reaches them; tests put their own.
+    virtual std::shared_ptr<NetworkExtensionManager> proxyManager();
+    virtual std::shared_ptr<TarnStatusBarController> makeStatusMenu(ui::TrayType trayType, bool showTestMenu);
+    virtual void lookUpExternalIP(const DeviceConfiguration& configuration,
+                                  std::function<void(const std::string&)> continuation);
+    void applyExternalIP(const std::string& ip, const std::shared_ptr<PassCells>& pass,
+                         bool userAcceptedExtension, const DeviceConfiguration& configuration);
+    bool pathIsSatisfied();
+    void sendDeviceKeyToMenu();
 
 private:
     void resetTimerIfNeeded(ChangeType changeType);

@@ -16,6 +16,7 @@
 #include "watch/NetworkCheck.h"
 #include "watch/ServiceHosts.h"
 #include "watch/VPNMonitor.h"
+#include "proxy/SharedDefaultsManager.h"
 #include "ui/TarnUserNotification.h"
 
 namespace morvane {
@@ -44,6 +45,7 @@ std::vector<Service> DepenencyInjection::serviceTable() {
     rows.push_back(Service::global<NetworkCheck>());
     rows.push_back(Service::global<VPNMonitor>());
     rows.push_back(Service::global<NCSICheck>());
+    rows.push_back(Service::global<SharedDefaultsManager>());
     return rows;
 }
 

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <sstream>
 
+#include "app/DepenencyInjection.h"
 #include "messages/DeviceConfiguration.h"
 #include "messages/JSONCoding.h"
 #include "messages/MainConfiguration.h"
@@ -11,6 +12,7 @@
 #include "settings/Utils.h"
 #include "sys/MessageClient.h"
 #include "sys/UnixSocket.h"
+#include "watch/VPNMonitor.h"
 
 namespace morvane {
 
@@ -72,7 +74,16 @@ StatusReport StatusReport::collect() {
         report.providerProblem = error;
     }
 
-    report.vpnNote = "not watched by this build";
+    // The agent's own judgement: a tunnel with an address and a running client of a known name.
+    // The service table lets the monitor reach its logger; no event loop runs here, so nothing
+    // it might log reaches a file.
+    const DepenencyInjection dependencies;
+    VPNMonitor monitor;
+    monitor.deviceConfig = policy;
+    report.vpnRunning = monitor.isVPNRunning();
+    if (!policy) {
+        report.vpnNote = "no policy to judge by";
+    }
     return report;
 }
 

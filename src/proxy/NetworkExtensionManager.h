@@ -111,7 +111,7 @@ public:
                               std::function<void(std::optional<ProxyError>)> completion);
     void stopProxy();
     void handleChange(ChangeType change, const NetworkExtConfig& config) override;
-    void resetExtension(const NetworkExtConfig& config);
+    virtual void resetExtension(const NetworkExtConfig& config);
 
     // The request delegate.
     void requestNeedsUserApproval() override;
