@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "sys/SystemPaths.h"
 #include "sysdns/Files.h"
@@ -102,8 +103,24 @@ private:
 
 }  // namespace
 
+namespace {
+
+// Under a sysroot (tests, the demo) nothing of the machine's own may change: its resolv.conf is
+// the sysroot's, and its system bus is asked only when a private one is named.
+bool underSysroot() {
+    const char* sysroot = std::getenv("MORVANECLOUD_SYSROOT");
+    return sysroot != nullptr && *sysroot != '\0';
+}
+
+bool busAllowed() {
+    return !underSysroot() || std::getenv("DBUS_SYSTEM_BUS_ADDRESS") != nullptr;
+}
+
+}  // namespace
+
 SwitchEnvironment SwitchEnvironment::system() {
     SwitchEnvironment environment;
+    environment.resolvConf = sys::systemPath("/etc/resolv.conf");
     environment.stateDirectory = sys::systemPath("/run/morvanecloud/switch");
     environment.durableDirectory = sys::systemPath("/var/lib/morvanecloud/switch");
     return environment;
@@ -112,7 +129,13 @@ SwitchEnvironment SwitchEnvironment::system() {
 MachineProbes probeMachine(const SwitchEnvironment& environment) {
     MachineProbes probes;
     std::string error;
-    if (auto bus = SystemBus::open(environment.busTimeout, error)) {
+    if (!busAllowed()) {
+        if (environment.log) {
+            environment.log(
+                "DNS switch: MORVANECLOUD_SYSROOT is set and no private system bus is named: "
+                "the machine's daemons are not asked");
+        }
+    } else if (auto bus = SystemBus::open(environment.busTimeout, error)) {
         probes.resolvedAnswers = bus->nameHasOwner("org.freedesktop.resolve1");
         probes.networkManagerAnswers = bus->nameHasOwner("org.freedesktop.NetworkManager");
     }

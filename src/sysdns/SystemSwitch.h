@@ -23,7 +23,9 @@ struct SwitchEnvironment {
     std::chrono::milliseconds busTimeout{std::chrono::seconds(5)};
     std::function<void(const std::string&)> log;
 
-    /// The machine's paths, with $MORVANECLOUD_SYSROOT in front of the folders of our own.
+    /// The machine's paths, with $MORVANECLOUD_SYSROOT in front when it is set (then also in
+    /// front of /etc/resolv.conf, and the machine's own system bus is not asked unless
+    /// $DBUS_SYSTEM_BUS_ADDRESS names one: a test never switches the machine's DNS).
     static SwitchEnvironment system();
 };
 

@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -143,7 +144,20 @@ bool PrivateSystemBus::start(std::string& error) {
         return false;
     }
     const auto socket = folder_ / "system_bus_socket";
-    if (!waitUntil([&] { return std::filesystem::exists(socket); }, std::chrono::seconds(20))) {
+    // The file appears at bind(), a moment before the daemon listens: wait until it answers.
+    const auto answers = [&] {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
+        const bool connected = fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address),
+                                                    sizeof address) == 0;
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return connected;
+    };
+    if (!waitUntil(answers, std::chrono::seconds(20))) {
         error = "dbus-daemon did not make its socket";
         return false;
     }

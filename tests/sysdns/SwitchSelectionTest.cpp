@@ -2,7 +2,9 @@
 // and a line the trail must hold so that a log reader sees why.
 #include <gtest/gtest.h>
 
+#include "support/TestEnvironment.h"
 #include "sysdns/SwitchSelection.h"
+#include "sysdns/SystemSwitch.h"
 
 namespace morvane::sysdns {
 namespace {
@@ -122,6 +124,46 @@ TEST(SwitchSelection, TheSameProbesGiveTheSameTrail) {
     for (const auto& row : table()) {
         EXPECT_EQ(selectMechanism(row.probes).trail, selectMechanism(row.probes).trail);
     }
+}
+
+// What the provider does at start under a sysroot, as in its own tests: the factory probes,
+// chooses, restores and switches the sysroot's file, never the machine's.
+TEST(SystemSwitch, UnderASysrootOnlyTheSysrootsFileIsSwitched) {
+    ::morvane::test::TempHome home;
+    home.env().unset("DBUS_SYSTEM_BUS_ADDRESS");
+    const auto environment = SwitchEnvironment::system();
+    ASSERT_EQ(environment.resolvConf, home.sysroot() / "etc/resolv.conf");
+    EXPECT_EQ(environment.stateDirectory, home.sysroot() / "run/morvanecloud/switch");
+    const std::string original = "nameserver 192.0.2.1\n";
+    ::morvane::test::writeFile(environment.resolvConf, original);
+
+    auto dnsSwitch = makeSystemSwitch(environment);
+    ASSERT_EQ(dnsSwitch->name(), "resolv.conf");
+    EXPECT_FALSE(dnsSwitch->supportsSplitDns());
+    std::string error;
+    ASSERT_TRUE(dnsSwitch->restore(error)) << error;  // nothing to do
+    ASSERT_TRUE(dnsSwitch->apply({"127.0.0.153", 53}, error)) << error;
+    EXPECT_EQ(dnsSwitch->originalServers(), std::vector<std::string>{"192.0.2.1"});
+
+    // A new process (the next start, or --cleanup) restores through a switch of its own.
+    auto next = makeSystemSwitch(environment);
+    ASSERT_TRUE(next->restore(error)) << error;
+    EXPECT_EQ(::morvane::test::readFile(environment.resolvConf), original);
+}
+
+TEST(SystemSwitch, WithNoMechanismApplyFailsWithTheReason) {
+    MachineProbes readOnly;
+    readOnly.resolvConfExists = true;
+    ::morvane::test::TempDir dir;
+    SwitchEnvironment environment;
+    environment.resolvConf = dir.path() / "resolv.conf";
+    environment.stateDirectory = dir.path() / "state";
+    auto dnsSwitch = makeSystemSwitch(readOnly, environment);
+    EXPECT_EQ(dnsSwitch->name(), "none");
+    std::string error;
+    EXPECT_FALSE(dnsSwitch->apply({"127.0.0.153", 53}, error));
+    EXPECT_NE(error.find("read-only"), std::string::npos) << error;
+    EXPECT_TRUE(dnsSwitch->restore(error)) << error;
 }
 
 }  // namespace
