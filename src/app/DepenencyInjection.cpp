@@ -3,6 +3,7 @@
 #include "app/ChangeObserver.h"
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
+#include "core/TestData.h"
 #include "device/ComputerNameManager.h"
 #include "device/DeviceConfigManager.h"
 #include "device/DeviceServerAPI.h"
@@ -15,6 +16,7 @@
 #include "watch/NetworkCheck.h"
 #include "watch/ServiceHosts.h"
 #include "watch/VPNMonitor.h"
+#include "ui/TarnUserNotification.h"
 
 namespace morvane {
 
@@ -31,11 +33,13 @@ std::vector<Service> DepenencyInjection::serviceTable() {
         return std::make_shared<NotificationPublisher>(
             NotificationPublisher{platform::NotificationCenter::defaultCenter()});
     }));
+    rows.push_back(Service::global<TarnUserNotification>());
     rows.push_back(Service::global<ChangeObserver>());
     rows.push_back(Service::global<TarnLogger>());
     rows.push_back(Service::global<DeviceServerAPI>());
     rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
+    rows.push_back(Service::global<TestData>());
     rows.push_back(Service::global<InstallerHelper>());
     rows.push_back(Service::global<NetworkCheck>());
     rows.push_back(Service::global<VPNMonitor>());
