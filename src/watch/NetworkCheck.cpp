@@ -20,7 +20,15 @@ NetworkCheck::NetworkCheck(std::shared_ptr<platform::PathMonitor> pathMonitor)
                 (*anchor)->pathUpdateHandler(path);
             }
         });
-    monitor->start();
+    // The first report must not reach the publisher before the service table exists. The
+    // program builds the table in the first block of main-queue work it queues after making
+    // the objects that watch, so the watch starts from a block queued now, ahead of it, and
+    // its reports land behind it.
+    platform::MainQueue::async([weak = std::weak_ptr<NetworkCheck*>(anchor_)] {
+        if (auto anchor = weak.lock()) {
+            (*anchor)->monitor->start();
+        }
+    });
 }
 
 NetworkCheck::~NetworkCheck() {

@@ -19,7 +19,7 @@ namespace morvane {
 /// the agent (the start helper's and the container's), each publishing by itself.
 class NetworkCheck {
 public:
-    /// Makes a netlink path monitor and starts it.
+    /// Makes a netlink path monitor and starts it from the main queue.
     NetworkCheck();
     /// Works with the given monitor, started here; none leaves the object waiting for
     /// pathUpdateHandler() calls (tests drive it that way).
