@@ -15,6 +15,7 @@
 #include "helper/TarnHelper.h"
 #include "helper/TarnLogHelper.h"
 #include "platform/BuildInfo.h"
+#include "sysdns/NetworkServices.h"
 
 namespace {
 
@@ -66,9 +67,19 @@ int main(int argc, char** argv) {
 
     morvane::TarnLogHelper::sharedInstance()->log("Tarn helper starting, version " +
                                                   std::string(morvane::build::kVersion));
-    // No mechanism for per-service DNS preferences is linked into this build yet: the DNS
-    // operations answer with an error and say so in the helper log.
-    morvane::TarnHelper helper(nullptr);
+    // NetworkManager's connections where it runs, else systemd-resolved's links; looked for at
+    // each DNS operation.
+    morvane::TarnHelper helper(morvane::TarnHelper::ServicesProvider([] {
+        const auto log = [](const std::string& line) {
+            morvane::TarnLogHelper::sharedInstance()->log(line);
+        };
+        std::string error;
+        auto services = morvane::sysdns::makeNetworkServices(log, error);
+        if (!services) {
+            log(error);
+        }
+        return services;
+    }));
     std::string error;
     if (!helper.run(error)) {
         std::fprintf(stderr, "morvanecloud-helper: cannot listen on %s: %s\n",

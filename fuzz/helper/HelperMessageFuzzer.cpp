@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::atexit([] { std::filesystem::remove_all(folder); });
     // Never reached by a message without an authorization, and not the fuzzer's to touch.
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    helper = new morvane::TarnHelper(nullptr);
+    helper = new morvane::TarnHelper(std::shared_ptr<morvane::sysdns::NetworkServices>());
     return 0;
 }
 

@@ -51,6 +51,9 @@ const nlohmann::json& argument(const sys::Message& message, const char* name) {
 
 TarnHelper::TarnHelper(std::shared_ptr<sysdns::NetworkServices> services,
                        std::filesystem::path socketPath)
+    : TarnHelper(ServicesProvider([services] { return services; }), std::move(socketPath)) {}
+
+TarnHelper::TarnHelper(ServicesProvider services, std::filesystem::path socketPath)
     : services_(std::move(services)), socketPath_(std::move(socketPath)) {}
 
 TarnHelper::~TarnHelper() {
@@ -187,11 +190,12 @@ TarnHelper::Error TarnHelper::writeLocation(const nlohmann::json& value,
 }
 
 std::optional<DNSModifyHelper> TarnHelper::dnsModifier() {
-    if (!services_) {
+    auto services = services_ ? services_() : nullptr;
+    if (!services) {
         log("DNS settings cannot be changed: neither NetworkManager nor systemd-resolved runs");
         return std::nullopt;
     }
-    return DNSModifyHelper(services_);
+    return DNSModifyHelper(services);
 }
 
 TarnHelper::Error TarnHelper::modifyDNS(const nlohmann::json& resolvers,

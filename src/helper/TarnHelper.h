@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -24,9 +25,16 @@ class TarnHelper {
 public:
     using Error = std::optional<nlohmann::json>;
 
-    /// `services` are the machine's network services for the DNS operations; none where no
-    /// mechanism runs, and the DNS operations then fail with a line in the log.
+    /// Gives the machine's network services for a DNS operation; none where no mechanism
+    /// runs, and the operation then fails with a line in the log.
+    using ServicesProvider = std::function<std::shared_ptr<sysdns::NetworkServices>()>;
+
+    /// `services` are the network services of every DNS operation (tests).
     explicit TarnHelper(std::shared_ptr<sysdns::NetworkServices> services,
+                        std::filesystem::path socketPath = defaultSocketPath());
+    /// The services are looked for at each DNS operation, so that a NetworkManager or resolved
+    /// started after the helper is found.
+    explicit TarnHelper(ServicesProvider services,
                         std::filesystem::path socketPath = defaultSocketPath());
     ~TarnHelper();
     TarnHelper(const TarnHelper&) = delete;
@@ -76,7 +84,7 @@ private:
     nlohmann::json authorizationCreate(const sys::PeerCredentials& peer);
     int authorizationRightSet(const nlohmann::json& arguments, const sys::PeerCredentials& peer);
 
-    std::shared_ptr<sysdns::NetworkServices> services_;
+    ServicesProvider services_;
     AuthorizationTokens tokens_;
     RightsDatabase rights_;
     std::unique_ptr<sys::MessageServer> server_;

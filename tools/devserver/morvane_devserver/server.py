@@ -108,7 +108,18 @@ class DeviceHandler(http.server.BaseHTTPRequestHandler):
         else:
             self._send(405, b"Method Not Allowed\n", "text/plain; charset=utf-8", {"Allow": "POST"})
 
-    do_GET = do_PUT = do_DELETE = do_PATCH = do_HEAD = _other
+    def do_GET(self):
+        # The server's own certificate in DER, where the install command's DOWNLOAD_CERT and
+        # the helper look for the service's root certificate.
+        if self.path == "/ssl/ca.der" and self.server.state.certificate:
+            self.server.state.recorder.add(self.command, self.path, self._headers(), b"", None)
+            with open(self.server.state.certificate, encoding="ascii") as pem:
+                der = ssl.PEM_cert_to_DER_cert(pem.read())
+            self._send(200, der, "application/x-x509-ca-cert")
+            return
+        self._other()
+
+    do_PUT = do_DELETE = do_PATCH = do_HEAD = _other
 
     def _play(self, fault, method, body):
         state = self.server.state
