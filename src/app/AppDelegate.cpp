@@ -229,7 +229,7 @@ AppDelegate::TerminateReply AppDelegate::applicationShouldTerminate(bool session
     auto manager = sharedProxyManager();
     manager->unloadConfigurations(false, [](std::optional<ProxyError> error) {
         if (error) {
-            platform::writeSystemLog("Error removing preferences " + error->localizedDescription());
+            platform::writeSystemLog("Error removing preferences " + error->localizedDescription);
         } else {
             platform::writeSystemLog("Removed extension from preferences");
         }

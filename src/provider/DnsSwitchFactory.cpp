@@ -1,13 +1,14 @@
 #include "provider/DnsSwitchFactory.h"
 
+#include "sysdns/SystemSwitch.h"
+
 namespace morvane::provider {
 
 DnsSwitchFactory defaultDnsSwitchFactory() {
     return [](ServiceLog& log) -> std::unique_ptr<sysdns::DnsSwitch> {
-        log.warning(
-            "No system DNS switch is built into this program: the machine's DNS is not "
-            "switched to the proxy");
-        return nullptr;
+        auto environment = sysdns::SwitchEnvironment::system();
+        environment.log = [&log](const std::string& line) { log.info(line); };
+        return sysdns::makeSystemSwitch(environment);
     };
 }
 

@@ -12,8 +12,8 @@ namespace morvane::provider {
 /// of decisions. None: the machine is not switched, and the provider says so.
 using DnsSwitchFactory = std::function<std::unique_ptr<sysdns::DnsSwitch>(ServiceLog&)>;
 
-/// The program's choice. No mechanism is built into this program yet, so it gives none and
-/// logs why: the proxy then serves only the clients that ask it directly.
+/// The program's choice: the mechanism the machine's probes select (systemd-resolved,
+/// NetworkManager or /etc/resolv.conf), its trail of decisions in the log.
 DnsSwitchFactory defaultDnsSwitchFactory();
 
 }  // namespace morvane::provider

@@ -298,6 +298,17 @@ std::optional<StopReason> ProviderService::applyLocked(bool wasEnabled,
     return std::nullopt;
 }
 
+sysdns::SwitchGuard& ProviderService::guard() {
+    // Another program (NetworkManager after a reconnect, DHCP, resolved after a wake) may
+    // rewrite the settings under the switch: the guard puts the switch back, with a cap.
+    if (!guard_) {
+        sysdns::SwitchGuard::Options options;
+        options.log = [this](const std::string& line) { log_.notice(line); };
+        guard_ = std::make_unique<sysdns::SwitchGuard>(*switch_, options);
+    }
+    return *guard_;
+}
+
 void ProviderService::switchOn() {
     if (!switch_) {
         log_.warning(
@@ -310,7 +321,7 @@ void ProviderService::switchOn() {
     std::string error;
     if (!target) {
         log_.error("Cannot switch the machine's DNS to " + forwarder_.listeningAddress());
-    } else if (switch_->apply(*target, error)) {
+    } else if (guard().engage(*target, error)) {
         switched_ = true;
         log_.notice("The machine's DNS is switched to " + forwarder_.listeningAddress() + " (" +
                     switch_->name() + ")");
@@ -324,7 +335,7 @@ void ProviderService::switchOff() {
         return;
     }
     std::string error;
-    if (switch_->restore(error)) {
+    if (guard().release(error)) {
         switched_ = false;
         log_.notice("The machine's DNS is restored (" + switch_->name() + ")");
     } else {

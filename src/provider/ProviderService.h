@@ -11,6 +11,7 @@
 #include <string>
 
 #include "provider/DnsSwitchFactory.h"
+#include "sysdns/SwitchGuard.h"
 #include "provider/Forwarder.h"
 #include "provider/ProviderBundle.h"
 #include "provider/ProviderErrors.h"
@@ -84,6 +85,7 @@ private:
     /// the state lock held; gives the stop to tell the agent (after the lock is let go) when
     /// an enabled proxy went off.
     std::optional<StopReason> applyLocked(bool wasEnabled, StopReason reasonIfStopped);
+    sysdns::SwitchGuard& guard();
     void switchOn();
     void switchOff();
     void upstreamsLost(const std::string& reason);
@@ -93,6 +95,7 @@ private:
     ProxyConfigurationStore store_;
     Forwarder forwarder_;
     std::unique_ptr<sysdns::DnsSwitch> switch_;
+    std::unique_ptr<sysdns::SwitchGuard> guard_;  // declared after the switch it watches
     std::unique_ptr<ProviderLink> link_;
     std::unique_ptr<sys::MessageServer> controlServer_;
     std::unique_ptr<sys::MessageServer> linkServer_;

@@ -57,12 +57,10 @@ dns_settings() { grep -v '^#' /etc/resolv.conf | tr '\n' ' '; }
 
 world_say "building the world in $W"
 world_up "$W" || exit 1
-sysroot=$W/sysroot
-home=$sysroot/home/e2e
-mkdir -p "$home" "$sysroot/root" "$sysroot/tmp" "$sysroot/run/morvanecloud" "$sysroot/var/lib/morvanecloud"
+home=$W/home/e2e
+mkdir -p "$home"
 chown -R 65534:65534 "$home"
-chmod 755 "$sysroot" "$sysroot/home" "$sysroot/run" "$sysroot/run/morvanecloud"
-chmod 1777 "$sysroot/tmp"
+chmod 755 "$W/home"
 show "system DNS before: $(dns_settings)"
 
 # The account's policy: corporate names to the corporate resolver, everything else to the
@@ -87,16 +85,16 @@ expect_lookup blocked.example.com 10.30.0.1 "before"
 
 world_say "starting the provider as root on $WORLD_PROXY:53"
 start_provider() {
-    MORVANECLOUD_SYSROOT=$sysroot "$provider_bin" --listen "$WORLD_PROXY:53" >>"$W/provider.log" 2>&1 &
+    "$provider_bin" --listen "$WORLD_PROXY:53" >>"$W/provider.log" 2>&1 &
     provider_pid=$!
-    world_wait_for "[ -S '$sysroot/run/morvanecloud/dnsproxy.control' ]" 20 || fail "the provider's control socket"
+    world_wait_for "[ -S /run/morvanecloud/dnsproxy.control ]" 20 || fail "the provider's control socket"
 }
 start_provider
 
 as_user() {
     setpriv --reuid=65534 --regid=65534 --clear-groups env -u SUDO_COMMAND -u XDG_CONFIG_HOME \
         -u XDG_DATA_HOME -u XDG_CACHE_HOME -u XDG_RUNTIME_DIR -u DBUS_SESSION_BUS_ADDRESS -u DISPLAY \
-        HOME="$home" MORVANECLOUD_SYSROOT="$sysroot" QT_QPA_PLATFORM=offscreen "$@"
+        -u MORVANECLOUD_SYSROOT HOME="$home" QT_QPA_PLATFORM=offscreen "$@"
 }
 world_say "enrolling as the user: morvanecloud RPC_URL=https://127.0.0.1:$port INSTALL_KEY=e2e-key"
 (cd "$home" && as_user PWD="$home" "$agent_bin" RPC_URL="https://127.0.0.1:$port" INSTALL_KEY=e2e-key \
@@ -170,7 +168,7 @@ world_wait_for proxy_enabled 60 || true
 expect_lookup blocked.example.com 192.0.2.80 "filtering before the kill" 30
 kill -9 "$provider_pid"; wait "$provider_pid" 2>/dev/null; provider_pid=
 # What systemd does after the unit's main process dies: ExecStopPost=, then a restart.
-MORVANECLOUD_SYSROOT=$sysroot "$provider_bin" --cleanup >>"$W/provider.log" 2>&1 || fail "--cleanup"
+"$provider_bin" --cleanup >>"$W/provider.log" 2>&1 || fail "--cleanup"
 cmp -s /etc/resolv.conf "$W/resolv.conf.original" && pass "provider killed: resolv.conf restored" \
     || fail "provider killed: resolv.conf not restored"
 show "system DNS after: $(dns_settings)"

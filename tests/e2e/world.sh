@@ -53,6 +53,12 @@ world_up() {
         >"$WORLD_DIR/resolv.conf.original"
     cp "$WORLD_DIR/resolv.conf.original" "$WORLD_DIR/resolv.conf"
     mount --bind "$WORLD_DIR/resolv.conf" /etc/resolv.conf
+    # The programs' fixed places, /run/morvanecloud and /var/lib/morvanecloud, private to this
+    # world: they run here as they do on a machine, with nothing of the host's below them. No
+    # system bus and no systemd show here either, so the switch takes /etc/resolv.conf and the
+    # agent starts the provider itself, as on a machine without systemd.
+    mount -t tmpfs -o mode=0755 world-run /run
+    mount -t tmpfs -o mode=0755 world-var-lib /var/lib
     world_responder network "$WORLD_NETWORK_DNS" --default 10.30.0.1
     world_responder corporate "$WORLD_CORPORATE_DNS" --zone corp.example.com=10.20.0.7
 }
