@@ -7,6 +7,7 @@
 #include "device/DeviceConfigManager.h"
 #include "device/DeviceServerAPI.h"
 #include "platform/NotificationCenter.h"
+#include "proxy/SharedDefaultsManager.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
@@ -32,6 +33,7 @@ std::vector<Service> DepenencyInjection::serviceTable() {
     rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
     rows.push_back(Service::global<InstallerHelper>());
+    rows.push_back(Service::global<SharedDefaultsManager>());
     return rows;
 }
 
