@@ -14,8 +14,10 @@ expect_gone() { if [ ! -e "$1" ] && [ ! -L "$1" ]; then ok "$1 gone"; else fail 
 units=/lib/systemd/system
 wants=/etc/systemd/system/multi-user.target.wants
 built=()
+# Listed once into a file: grep -q on the pipe would end dpkg-deb early with a broken pipe.
+dpkg-deb -c "$deb" >/tmp/contents
 for program in morvanecloud-dnsproxy morvanecloud-helper; do
-    if dpkg-deb -c "$deb" | grep -q "/usr/sbin/$program\$"; then
+    if grep -q "/usr/sbin/$program\$" /tmp/contents; then
         built+=("$program")
     else
         skip "$program is not in this package (not built in this tree): its unit, manual page and checks are left out"

@@ -22,8 +22,7 @@ void DNSLabelEncoder::encode(std::string_view name, DNSWireWriter& writer) {
     while (true) {
         const std::size_t dot = name.find('.');
         const std::string_view piece = name.substr(0, dot);
-        writer.writeUInt8(static_cast<std::uint8_t>(piece.size()));
-        writer.writeText(piece);
+        writer.writeLengthAndText(static_cast<std::uint8_t>(piece.size()), piece);
         if (dot == std::string_view::npos) {
             break;
         }

@@ -38,6 +38,12 @@ void encodeRecords(const std::optional<DNSResourceRecordList>& records, DNSWireW
 }  // namespace
 
 std::vector<std::uint8_t> DNSMessageEncoder::encode(const DNSMessage& message) {
+    std::vector<std::uint8_t> bytes;
+    encode(message, bytes);
+    return bytes;
+}
+
+void DNSMessageEncoder::encode(const DNSMessage& message, std::vector<std::uint8_t>& bytes) {
     DNSHeader header = message.header;
     header.questionCount =
         static_cast<std::uint16_t>(message.questions ? message.questions->size() : 0);
@@ -45,7 +51,7 @@ std::vector<std::uint8_t> DNSMessageEncoder::encode(const DNSMessage& message) {
     header.authorityRecordCount = countOf(message.authorityRecords);
     header.additionalRecordCount = countOf(message.additionalRecords);
 
-    DNSWireWriter writer;
+    DNSWireWriter writer(std::move(bytes));
     writer.reserve(typicalMessageSize);
     DNSHeaderEncoder::encode(header, writer);
     if (message.questions) {
@@ -56,7 +62,7 @@ std::vector<std::uint8_t> DNSMessageEncoder::encode(const DNSMessage& message) {
     encodeRecords(message.answers, writer);
     encodeRecords(message.authorityRecords, writer);
     encodeRecords(message.additionalRecords, writer);
-    return writer.takeBytes();
+    bytes = writer.takeBytes();
 }
 
 }  // namespace morvane::dns

@@ -12,6 +12,9 @@ namespace morvane::dns {
 class DNSMessageEncoder {
 public:
     static std::vector<std::uint8_t> encode(const DNSMessage& message);
+    /// The same into `bytes`, whose old content is replaced and whose capacity is reused:
+    /// for a caller that encodes message after message, such as a server answering queries.
+    static void encode(const DNSMessage& message, std::vector<std::uint8_t>& bytes);
 };
 
 }  // namespace morvane::dns

@@ -181,6 +181,29 @@ TEST(DNSMessageEncoderTest, DecodedMessagesEncodeToTheSameMessage) {
     EXPECT_EQ(second->answers->front()->name, "www.example.com");
 }
 
+TEST(DNSMessageEncoderTest, AReusedBufferHoldsExactlyTheLastMessage) {
+    const auto small = wireBytes("0001 0100 0001 0000 0000 0000 01 61 00 0001 0001");
+    const auto large = wireBytes(
+        "beef 8580 0001 0001 0000 0000"
+        "03 777777 07 6578616d706c65 03 636f6d 00 0001 0001"
+        "03 777777 07 6578616d706c65 03 636f6d 00 0001 0001 0000003c 0004 c0000201");
+    // Whatever the buffer held before, longer or shorter, is replaced, not appended to.
+    std::vector<std::uint8_t> buffer(700, 0xee);
+    DNSMessageEncoder::encode(*decode(small), buffer);
+    EXPECT_EQ(buffer, small);
+    DNSMessageEncoder::encode(*decode(large), buffer);
+    EXPECT_EQ(buffer, large);
+    DNSMessageEncoder::encode(*decode(small), buffer);
+    EXPECT_EQ(buffer, small);
+    // Growing past the first room: a message bigger than any before.
+    DNSMessage big = *decode(small);
+    big.questions->assign(40, DNSQuestion{1, 1, std::string(30, 'x') + ".example"});
+    std::vector<std::uint8_t> empty;
+    DNSMessageEncoder::encode(big, empty);
+    EXPECT_EQ(empty, DNSMessageEncoder::encode(big));
+    EXPECT_EQ(empty.size(), 12u + 40u * (1u + 30u + 1u + 7u + 1u + 4u));
+}
+
 TEST(DNSMessageEncoderTest, CopiesAreDeepAndKeepTheRecordClass) {
     DNSMessage message;
     message.answers.emplace();
