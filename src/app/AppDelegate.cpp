@@ -4,7 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "app/ProxyWiring.h"
+#include "proxy/NetworkExtensionManager.h"
 #include "helper/DownloadCertManager.h"
 #include "platform/MainQueue.h"
 #include "platform/RunningInstances.h"
@@ -53,7 +53,7 @@ void AppDelegate::startAgent() {
     fileSetup.watchRootFiles();
     settings->setValue("false", Key::showTestMenu);
     if (installExtensionRequested() && !settings->userDefaults->boolForKey("uninstalling")) {
-        sharedProxyManager()->activateExtension();
+        NetworkExtensionManager::shared()->activateExtension();
     }
     settings->userDefaults->removeObjectForKey("uninstalling");
     registerAppDefaults();
@@ -138,7 +138,7 @@ bool AppDelegate::stopProxyIfNeeded() {
     if (settings->userDefaults->stringForKey("STOP") != "TRUE") {
         return false;
     }
-    sharedProxyManager()->stopProxy();
+    NetworkExtensionManager::shared()->stopProxy();
     return true;
 }
 
@@ -147,7 +147,7 @@ bool AppDelegate::resetExtensionIfNeeded() {
     if (settings->userDefaults->stringForKey("RESET") != "true") {
         return false;
     }
-    sharedProxyManager()->deactivateExtension([this](std::optional<ProxyError> error) {
+    NetworkExtensionManager::shared()->deactivateExtension([this](std::optional<ProxyError> error) {
         // The request's completion comes on a queue of the proxy control; the process is
         // ended from the main queue.
         MainQueue::async([this, failed = error.has_value()] {
@@ -188,7 +188,7 @@ void AppDelegate::endExtensionAndQuit() {
         status_ = ExitStatus::invalidArguments;
     }
     // Only begins the quit: the rest of the start runs on until the unload has reported back.
-    sharedProxyManager()->unloadConfigurations(true, [this](std::optional<ProxyError>) {
+    NetworkExtensionManager::shared()->unloadConfigurations(true, [this](std::optional<ProxyError>) {
         MainQueue::async([this] { terminate(); });
     });
 }
@@ -226,7 +226,7 @@ AppDelegate::TerminateReply AppDelegate::applicationShouldTerminate(bool session
         // start of the session asks for no activation, the one after it does.
         return TerminateReply::now;
     }
-    auto manager = sharedProxyManager();
+    auto manager = NetworkExtensionManager::shared();
     manager->unloadConfigurations(false, [](std::optional<ProxyError> error) {
         if (error) {
             platform::writeSystemLog("Error removing preferences " + error->localizedDescription);

@@ -11,7 +11,7 @@
 #include "messages/JSONCoding.h"
 #include "platform/MainQueue.h"
 #include "proxy/NetworkExtConfig.h"
-#include "app/ProxyWiring.h"
+#include "proxy/NetworkExtensionManager.h"
 #include "settings/Utils.h"
 #include "ui/UserNotificationCenter.h"
 
@@ -114,7 +114,7 @@ std::vector<std::string> ChangeObserver::resolverList(const std::optional<Device
 }
 
 std::shared_ptr<NetworkExtensionManager> ChangeObserver::proxyManager() {
-    return sharedProxyManager();
+    return NetworkExtensionManager::shared();
 }
 
 std::shared_ptr<TarnStatusBarController> ChangeObserver::makeStatusMenu(ui::TrayType trayType, bool showTestMenu) {

@@ -9,15 +9,15 @@
 #include "device/DeviceServerAPI.h"
 #include "dns/DNSResolver.h"
 #include "platform/NotificationCenter.h"
+#include "proxy/SharedDefaultsManager.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
+#include "ui/TarnUserNotification.h"
 #include "watch/NCSICheck.h"
 #include "watch/NetworkCheck.h"
 #include "watch/ServiceHosts.h"
 #include "watch/VPNMonitor.h"
-#include "proxy/SharedDefaultsManager.h"
-#include "ui/TarnUserNotification.h"
 
 namespace morvane {
 

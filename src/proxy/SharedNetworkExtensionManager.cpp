@@ -4,11 +4,18 @@
 #include <cstdlib>
 #include <string>
 
+#include "core/Dependencies.h"
+#include "core/TestData.h"
+#include "dns/DNSResolver.h"
+#include "platform/PathMonitor.h"
 #include "proxy/ChildProcessActivation.h"
 #include "proxy/ControlSocketPreferences.h"
 #include "proxy/IPCConnection.h"
 #include "proxy/NetworkExtensionManager.h"
 #include "proxy/SystemdActivation.h"
+#include "watch/NetworkCheck.h"
+#include "watch/SanityCheck.h"
+#include "watch/VPNMonitor.h"
 
 namespace morvane {
 
@@ -35,6 +42,23 @@ std::shared_ptr<NetworkExtensionManager> NetworkExtensionManager::shared() {
             std::make_shared<ControlSocketPreferences>(), activation, IPCConnection::shared(),
             [] { return ExtensionBundle::find(ExtensionBundle::extensionsDirectory()); }};
         auto manager = std::make_shared<NetworkExtensionManager>(std::move(platform));
+        // The network watch, the resolver and the local rules panel, through the container.
+        manager->networkQuestions.pathIsSatisfied = [] {
+            const auto check = Dependencies::shared()->resolve<NetworkCheck>();
+            return check->monitor &&
+                   check->monitor->currentPath().status == platform::NetworkPath::Status::satisfied;
+        };
+        manager->networkQuestions.isVPNRunning = [] {
+            return Dependencies::shared()->resolve<VPNMonitor>()->isVPNRunning();
+        };
+        std::shared_ptr<dns::DNSResolver> dnsResolver = dns::DNSResolver::create();
+        manager->networkQuestions.getDNSAddresses = [dnsResolver] {
+            return dnsResolver ? dnsResolver->getDNSAddresses() : std::vector<std::string>{};
+        };
+        manager->networkQuestions.testForwardingRules = [] {
+            return Dependencies::shared()->resolve<TestData>()->testForwardingRules;
+        };
+        manager->sanityCheck = std::make_shared<SanityCheck>();
         manager->log.info("TarnNetExtMgr: the DNS proxy is activated through " +
                           activation->name());
         manager->logApp("DNS proxy activation: " + activation->name(), LogLevel::production);
