@@ -41,15 +41,16 @@ constexpr const char* kUsage =
     "  TRAY_TYPE=<n>              status icon style (default 1)\n"
     "  SHOW_TEST_MENU=TRUE        show the test entries of the menu\n"
     "  RPC_PORT=<port>, IGNORE_VPNS=<list>\n"
-    "  STOP=TRUE, RESET=true, DOWNLOAD_CERT=true\n"
-    "                             stored, but this build cannot carry them out yet\n"
+    "  DOWNLOAD_CERT=true         fetch http://<RPC_URL host>/ssl/ca.der and trust it\n"
+    "                             (/usr/local/share/ca-certificates, update-ca-certificates)\n"
+    "  STOP=TRUE, RESET=true      stored, but this build cannot carry them out yet\n"
     "\n"
     "--status tells whether the machine is enrolled, its device key, the DNS proxy's state as\n"
     "the provider reports it, the system DNS switch in force, VPN and the last external address;\n"
     "it changes nothing.\n"
     "\n"
     "Exit status: 0 done; 1 invalid or missing values; 4 values stored but an asked-for\n"
-    "action (STOP, RESET, DOWNLOAD_CERT) is not available in this build.\n";
+    "action (STOP, RESET) is not available in this build.\n";
 
 bool hasDisplay() {
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) {

@@ -12,8 +12,19 @@ MORVANE_PACKAGES=(
     libsystemd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl dbus
+    # the DNS switch's namespace tests: veth pairs, and systemd-resolved unpacked (never
+    # installed) from its package, whose version must match the installed systemd
+    iproute2 apt systemd
+    # the tray's SVG icons; a private X server and a real notification daemon for the
+    # desktop tests of the user interface
+    libqt6svg6 xvfb dunst
     # peers the benchmarks measure against
     libspdlog-dev libgmp-dev libknot-dev libldns-dev
+    # the DNS forwarder's benchmark: the load generator and dnsmasq (dnsmasq-base: the program
+    # without a service that would start on installation). unbound is not installed, since its
+    # package starts a resolver that may take over the machine's DNS: the benchmark unpacks it
+    # with apt-get download and dpkg-deb -x, and needs only the libraries it links.
+    dnsperf dnsmasq-base libevent-2.1-7 libnghttp2-14 libprotobuf-c1 libpython3.11
     # fuzzing and sanitizer runtimes
     clang libclang-rt-14-dev
     # the Debian package: its build (icons rendered from SVG), lintian, and the checks of the

@@ -3,8 +3,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "helper/DownloadCertManager.h"
 #include "platform/MainQueue.h"
 #include "platform/StandardOutput.h"
+#include "platform/URL.h"
 #include "settings/Utils.h"
 
 namespace morvane {
@@ -106,7 +108,28 @@ void AppDelegate::downloadCertificateIfNeeded() {
     if (!defaults->stringForKey("RPC_URL") || defaults->stringForKey("DOWNLOAD_CERT") != "true") {
         return;
     }
-    notCarriedOut("DOWNLOAD_CERT=true (installing the server's certificate)");
+    std::string text = *defaults->stringForKey("RPC_URL");
+    for (auto at = text.find("https"); at != std::string::npos; at = text.find("https", at)) {
+        text.replace(at, 5, "http");
+        at += 4;
+    }
+    const auto url = platform::URL::parse(text);
+    if (!url || !url->host()) {
+        return;
+    }
+    std::string path = url->path();
+    for (const char* component : {"ssl", "ca.der"}) {
+        path += (path.empty() || path.back() != '/' ? "/" : "") + std::string(component);
+    }
+    const auto withPort = platform::URL::make(url->scheme(), *url->host(), url->port(), path);
+    const auto withoutPort = platform::URL::make(url->scheme(), *url->host(), std::nullopt, path);
+    const auto& chosen = withoutPort ? withoutPort : withPort;
+    if (!chosen) {
+        return;
+    }
+    // The install command ends soon after; it waits for this work in terminate() so that the
+    // certificate is not cut off half-way.
+    certificateDownload_ = DownloadCertManager::downloadAndInstallCertFrom(chosen->text());
 }
 
 bool AppDelegate::stopProxyIfNeeded() {
@@ -173,6 +196,9 @@ void AppDelegate::terminate() {
         return;
     }
     terminated_ = true;
+    if (certificateDownload_.valid()) {
+        certificateDownload_.wait();
+    }
     if (terminate_) {
         terminate_(status_);
     }

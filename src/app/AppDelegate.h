@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,8 +17,8 @@ enum class ExitStatus : int {
     success = 0,
     /// The install command's values failed validation; nothing was enrolled.
     invalidArguments = 1,
-    /// The values were stored, but an action they asked for (STOP, RESET, DOWNLOAD_CERT)
-    /// cannot be carried out by this build.
+    /// The values were stored, but an action they asked for (STOP, RESET) cannot be carried
+    /// out by this build.
     actionNotAvailable = 4,
 };
 
@@ -61,6 +62,7 @@ private:
     bool wasRunFromCommandLine_ = false;
     bool terminated_ = false;
     ExitStatus status_ = ExitStatus::success;
+    std::future<void> certificateDownload_;
 };
 
 }  // namespace morvane

@@ -9,6 +9,8 @@
 #include "settings/FileSetup.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
+#include "watch/NetworkCheck.h"
+#include "watch/SleepWakeMonitor.h"
 
 namespace morvane {
 
@@ -23,6 +25,9 @@ public:
     Injected<Settings> settings;
     Injected<InstallerHelper> installerHelper;
     FileSetup fileSetup;
+    /// Its own path watch, not the container's: watching begins as this helper is built.
+    NetworkCheck networkCheck;
+    SleepWakeMonitor sleepmonitor;
     std::optional<DepenencyInjection> dependency;
 };
 

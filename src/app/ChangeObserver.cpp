@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <chrono>
+#include <thread>
 
 #include "platform/MainQueue.h"
 
@@ -22,7 +23,15 @@ std::string formatSeconds(double seconds) {
 ChangeObserver::ChangeObserver()
     : concurrentQueue(platform::DispatchQueue::create("ChangeObserver.queue",
                                                       platform::DispatchQueue::Kind::concurrent)),
-      startTime(MainQueue::now()) {}
+      startTime(MainQueue::now()) {
+    // The VPN watch owns a thread of its own for the life of the process; nothing keeps
+    // the thread object, and the monitor stays alive as long as the watch runs. Its
+    // publisher is resolved here, while the service table is surely in place: the watch
+    // may hear its first change at any later time.
+    auto monitor = vpnMonitor.get();
+    monitor->notificationPublisher.get();
+    std::thread([monitor] { monitor->startMonitoring(); }).detach();
+}
 
 ChangeObserver::~ChangeObserver() = default;
 

@@ -18,6 +18,9 @@
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
+#include "watch/NCSICheck.h"
+#include "watch/NetworkCheck.h"
+#include "watch/VPNMonitor.h"
 
 namespace morvane {
 
@@ -59,6 +62,9 @@ public:
     Injected<NotificationPublisher> notificationPublisher;
     Injected<ConfigFileWriter> configFileWriter;
     Injected<InstallerHelper> installerHelper;
+    Injected<VPNMonitor> vpnMonitor;
+    Injected<NCSICheck> tarnStatusCheck;
+    Injected<NetworkCheck> networkCheck;
 
     std::shared_ptr<platform::DispatchQueue> concurrentQueue;
     platform::Clock::time_point startTime;

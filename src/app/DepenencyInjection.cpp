@@ -3,13 +3,20 @@
 #include "app/ChangeObserver.h"
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
+#include "core/TestData.h"
 #include "device/ComputerNameManager.h"
 #include "device/DeviceConfigManager.h"
 #include "device/DeviceServerAPI.h"
+#include "dns/DNSResolver.h"
 #include "platform/NotificationCenter.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
+#include "watch/NCSICheck.h"
+#include "watch/NetworkCheck.h"
+#include "watch/ServiceHosts.h"
+#include "watch/VPNMonitor.h"
+#include "ui/TarnUserNotification.h"
 
 namespace morvane {
 
@@ -26,16 +33,22 @@ std::vector<Service> DepenencyInjection::serviceTable() {
         return std::make_shared<NotificationPublisher>(
             NotificationPublisher{platform::NotificationCenter::defaultCenter()});
     }));
+    rows.push_back(Service::global<TarnUserNotification>());
     rows.push_back(Service::global<ChangeObserver>());
     rows.push_back(Service::global<TarnLogger>());
     rows.push_back(Service::global<DeviceServerAPI>());
     rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
+    rows.push_back(Service::global<TestData>());
     rows.push_back(Service::global<InstallerHelper>());
+    rows.push_back(Service::global<NetworkCheck>());
+    rows.push_back(Service::global<VPNMonitor>());
+    rows.push_back(Service::global<NCSICheck>());
     return rows;
 }
 
 DepenencyInjection::DepenencyInjection() {
+    dns::DNSResolver::setEchoHost(ServiceHosts::echoHost());
     Dependencies::build(serviceTable());
 }
 

@@ -70,7 +70,7 @@ std::optional<int> PolkitAuthority::checkAuthorization(const std::string& action
     }
     sd_bus_message* request = nullptr;
     sd_bus_message* reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, which is C syntax
     std::optional<int> status;
     int r = sd_bus_message_new_method_call(
         bus, &request, "org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",

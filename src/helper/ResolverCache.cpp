@@ -28,7 +28,7 @@ std::string flushResolved() {
     }
     sd_bus_message* request = nullptr;
     sd_bus_message* reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, which is C syntax
     std::string outcome = "done";
     int r = sd_bus_message_new_method_call(bus, &request, "org.freedesktop.resolve1",
                                            "/org/freedesktop/resolve1",

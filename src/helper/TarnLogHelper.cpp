@@ -57,6 +57,7 @@ std::shared_ptr<TarnLogHelper> TarnLogHelper::sharedInstance() {
 
 void TarnLogHelper::manageLogfile(const std::string& logPath) {
     std::error_code error;
+    std::filesystem::create_directories(std::filesystem::path(logPath).parent_path(), error);
     if (!std::filesystem::exists(logPath, error)) {
         createEmpty(logPath);
         return;

@@ -21,8 +21,10 @@
 #include "provider/AnswerCache.h"
 #include "provider/AnswerReader.h"
 #include "provider/Endpoint.h"
+#include "provider/FreeSlots.h"
 #include "provider/MessageWriter.h"
 #include "provider/QueryReader.h"
+#include "provider/RandomPool.h"
 #include "provider/Router.h"
 
 namespace morvane::provider {
@@ -35,7 +37,7 @@ constexpr std::size_t kBatch = 64;
 constexpr std::size_t kReceiveBuffer = 4096;
 constexpr std::size_t kMaxAttempts = 16;
 constexpr std::size_t kMaxQueries = 50000;
-constexpr std::size_t kSocketsPerFamily = 4;
+constexpr std::uint32_t kQueriesPerSocket = 2048;
 constexpr std::size_t kMaxTcpMessage = 65535;
 constexpr std::uint8_t kNoError = 0;
 constexpr std::uint8_t kFormErr = 1;
@@ -89,7 +91,9 @@ public:
             flush();
         }
         auto& slot = slots_[count_];
-        std::memcpy(&slot.address, to, static_cast<std::size_t>(toLength));
+        if (to != nullptr) {
+            std::memcpy(&slot.address, to, static_cast<std::size_t>(toLength));
+        }
         slot.length = toLength;
         slot.data.assign(data, data + length);
         ++count_;
@@ -103,7 +107,8 @@ public:
         std::array<iovec, kBatch> vectors{};
         for (std::size_t i = 0; i < count_; ++i) {
             vectors[i] = {slots_[i].data.data(), slots_[i].data.size()};
-            messages[i].msg_hdr.msg_name = &slots_[i].address;
+            // No address: the socket is connected.
+            messages[i].msg_hdr.msg_name = slots_[i].length != 0 ? &slots_[i].address : nullptr;
             messages[i].msg_hdr.msg_namelen = slots_[i].length;
             messages[i].msg_hdr.msg_iov = &vectors[i];
             messages[i].msg_hdr.msg_iovlen = 1;
@@ -183,7 +188,10 @@ public:
             return;
         }
         stopRequested_ = true;
-        wake();
+        {
+            std::lock_guard lock(commandsMutex_);
+            wakeLocked();
+        }
         thread_.join();
         running_ = false;
         closeAll();
@@ -195,11 +203,9 @@ public:
     }
 
     void post(std::function<void()> command) {
-        {
-            std::lock_guard lock(commandsMutex_);
-            commands_.push_back(std::move(command));
-        }
-        wake();
+        std::lock_guard lock(commandsMutex_);
+        commands_.push_back(std::move(command));
+        wakeLocked();
     }
 
     void applyPolicy(std::shared_ptr<const Router> router) {
@@ -283,7 +289,10 @@ private:
 
     struct UpstreamSocket {
         int fd = -1;
-        int family = 0;
+        std::uint32_t generation = 0;
+        std::uint32_t sent = 0;
+        bool retired = false;
+        Clock::time_point retiredAt{};
         SendBatch batch;
     };
 
@@ -348,10 +357,12 @@ private:
             options_.log(line);
         }
     }
-    void wake() {
-        if (const int fd = wakeFd_.load(); fd >= 0) {
+    // Under commandsMutex_, which also guards the closing of the descriptor: a wake from
+    // another thread can never write into a descriptor number that was closed and reused.
+    void wakeLocked() {
+        if (wakeFd_ >= 0) {
             const std::uint64_t one = 1;
-            [[maybe_unused]] const auto written = ::write(fd, &one, sizeof one);
+            [[maybe_unused]] const auto written = ::write(wakeFd_, &one, sizeof one);
         }
     }
 
@@ -373,7 +384,7 @@ private:
     void handleEvent(const epoll_event& event);
     void receiveClients();
     void acceptClients();
-    void receiveUpstream(std::uint32_t socketIndex);
+    void receiveUpstream(std::uint32_t socketIndex, std::uint32_t generation);
     void handleQuery(const std::uint8_t* data, std::size_t length, const sockaddr* from,
                      socklen_t fromLength,
                      std::optional<std::pair<std::uint32_t, std::uint32_t>> tcp);
@@ -386,7 +397,9 @@ private:
         }
         return query.edns ? std::max<std::size_t>(512, query.ednsUdpSize) : 512;
     }
-    int upstreamSocketFor(int family);
+    int upstreamSocketFor(const Endpoint& endpoint);
+    void closeUpstreamSocket(std::uint32_t socketIndex);
+    void failSocket(std::uint32_t socketIndex);
     void launch(std::uint32_t index);
     void launchUdp(std::uint32_t index, std::size_t resolver);
     void launchTcp(std::uint32_t index, std::size_t attempt);
@@ -397,7 +410,11 @@ private:
     void complete(std::uint32_t index);
     void releaseAttempt(Query& query, Attempt& attempt);
     void runTimers(Clock::time_point at);
-    void sweepTcp(Clock::time_point at);
+    bool isLive(const Timer& timer) const {
+        const Query& query = queries_[timer.query];
+        return query.inUse && query.generation == timer.generation;
+    }
+    void sweepTcp(Clock::time_point at);  // and retired resolver sockets
     void clientEvent(std::uint32_t index, std::uint32_t generation, std::uint32_t events);
     void flushClient(TcpClient& client, std::uint32_t index);
     void closeClient(std::uint32_t index);
@@ -419,7 +436,7 @@ private:
     bool lostReported_ = false;
 
     int epollFd_ = -1;
-    std::atomic<int> wakeFd_{-1};
+    int wakeFd_ = -1;  // written under commandsMutex_
     int udpFd_ = -1;
     int tcpFd_ = -1;
     Endpoint listenEndpoint_;
@@ -435,6 +452,9 @@ private:
     std::vector<std::uint32_t> freeQueries_;
     std::unordered_map<std::uint32_t, PendingRef> pending_;
     std::vector<UpstreamSocket> upstreamSockets_;
+    std::vector<std::uint32_t> freeSockets_;
+    std::unordered_map<std::string, std::uint32_t> activeSockets_;  // by resolver text
+    RandomPool random_;
     std::vector<TcpClient> tcpClients_;
     std::vector<std::uint32_t> freeTcpClients_;
     std::size_t tcpClientCount_ = 0;
@@ -485,8 +505,13 @@ bool Forwarder::Loop::open(const std::string& listen, std::string& error) {
     };
 
     epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
-    wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (epollFd_ < 0 || wakeFd_ < 0) {
+    int wakeFd;
+    {
+        std::lock_guard lock(commandsMutex_);
+        wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        wakeFd = wakeFd_;
+    }
+    if (epollFd_ < 0 || wakeFd < 0) {
         return fail("epoll", errno);
     }
     const bool anyPort =
@@ -542,7 +567,7 @@ bool Forwarder::Loop::open(const std::string& listen, std::string& error) {
         event.data.u64 = makeTag(kind, 0, 0);
         return ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) == 0;
     };
-    if (!add(wakeFd_, Kind::wake) || !add(udpFd_, Kind::udpListen) ||
+    if (!add(wakeFd, Kind::wake) || !add(udpFd_, Kind::udpListen) ||
         !add(tcpFd_, Kind::tcpListen)) {
         return fail("epoll", errno);
     }
@@ -564,21 +589,21 @@ void Forwarder::Loop::closeAll() {
             closeClient(i);
         }
     }
-    for (auto& upstream : upstreamSockets_) {
-        closeFd(upstream.fd);
+    for (std::uint32_t i = 0; i < upstreamSockets_.size(); ++i) {
+        closeUpstreamSocket(i);
     }
     upstreamSockets_.clear();
+    freeSockets_.clear();
+    activeSockets_.clear();
     pending_.clear();
     raceTimers_.clear();
     deadlineTimers_.clear();
     closeFd(udpFd_);
     closeFd(tcpFd_);
-    if (const int fd = wakeFd_.exchange(-1); fd >= 0) {
-        ::close(fd);
-    }
     closeFd(epollFd_);
     listenEndpoint_ = Endpoint{};
     std::lock_guard lock(commandsMutex_);
+    closeFd(wakeFd_);
     listeningText_.clear();
 }
 
@@ -589,6 +614,13 @@ void Forwarder::Loop::run() {
     std::array<epoll_event, 128> events{};
     runCommands();
     while (!stopRequested_) {
+        // Most timers belong to queries answered long before they are due; dropping those
+        // first keeps the loop from waking for nothing thousands of times a second.
+        for (auto* timers : {&raceTimers_, &deadlineTimers_}) {
+            while (!timers->empty() && !isLive(timers->front())) {
+                timers->pop_front();
+            }
+        }
         const auto before = now();
         auto next = before + std::chrono::seconds(1);
         if (!raceTimers_.empty()) {
@@ -657,7 +689,7 @@ void Forwarder::Loop::handleEvent(const epoll_event& event) {
             acceptClients();
             break;
         case Kind::upstreamUdp:
-            receiveUpstream(tagIndex(tag));
+            receiveUpstream(tagIndex(tag), tagGeneration(tag));
             break;
         case Kind::tcpClient:
             clientEvent(tagIndex(tag), tagGeneration(tag), event.events);
@@ -741,14 +773,7 @@ void Forwarder::Loop::handleQuery(const std::uint8_t* data, std::size_t length,
         return;
     }
 
-    std::uint32_t index;
-    if (!freeQueries_.empty()) {
-        index = freeQueries_.back();
-        freeQueries_.pop_back();
-    } else {
-        index = static_cast<std::uint32_t>(queries_.size());
-        queries_.emplace_back();
-    }
+    const std::uint32_t index = takeSlot(queries_, freeQueries_);
     Query& slot = queries_[index];
     slot.inUse = true;
     slot.client = query;
@@ -807,43 +832,79 @@ void Forwarder::Loop::reply(const Query& query, const std::vector<std::uint8_t>&
 // ---------------------------------------------------------------------------------------------
 // Resolvers
 
-int Forwarder::Loop::upstreamSocketFor(int family) {
-    std::size_t first = upstreamSockets_.size();
-    std::size_t count = 0;
-    for (std::size_t i = 0; i < upstreamSockets_.size(); ++i) {
-        if (upstreamSockets_[i].family == family) {
-            first = std::min(first, i);
-            ++count;
+int Forwarder::Loop::upstreamSocketFor(const Endpoint& endpoint) {
+    const auto found = activeSockets_.find(endpoint.text);
+    if (found != activeSockets_.end()) {
+        UpstreamSocket& active = upstreamSockets_[found->second];
+        if (active.sent < kQueriesPerSocket) {
+            ++active.sent;
+            return static_cast<int>(found->second);
+        }
+        // Enough answers were awaited on this port: a new one, so that a forger cannot learn
+        // it once and then only has the id to guess. The old one stays open for the answers
+        // still on their way.
+        active.retired = true;
+        active.retiredAt = now();
+        activeSockets_.erase(found);
+    }
+    // Connected: the kernel keeps the route, drops datagrams from anyone else, and tells of a
+    // resolver that is not there (ECONNREFUSED) at once.
+    const int fd = ::socket(endpoint.family(), SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0 || ::connect(fd, endpoint.socketAddress(), endpoint.length) != 0) {
+        log("Cannot open a socket towards " + endpoint.text + ": " + errorText(errno));
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return -1;
+    }
+    const int bufferSize = 1 << 20;
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize);
+    const std::uint32_t socketIndex = takeSlot(upstreamSockets_, freeSockets_);
+    UpstreamSocket& upstream = upstreamSockets_[socketIndex];
+    upstream.fd = fd;
+    upstream.batch.setFd(fd);
+    upstream.sent = 1;
+    upstream.retired = false;
+    ++upstream.generation;
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = makeTag(Kind::upstreamUdp, socketIndex, upstream.generation);
+    ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event);
+    activeSockets_.emplace(endpoint.text, socketIndex);
+    return static_cast<int>(socketIndex);
+}
+
+void Forwarder::Loop::failSocket(std::uint32_t socketIndex) {
+    std::vector<PendingRef> waiting;
+    for (const auto& [key, ref] : pending_) {
+        if ((key >> 16) == socketIndex) {
+            waiting.push_back(ref);
         }
     }
-    if (count == 0) {
-        for (std::size_t i = 0; i < kSocketsPerFamily; ++i) {
-            const int fd = ::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            if (fd < 0) {
-                log("Cannot open a socket towards resolvers: " + errorText(errno));
-                break;
-            }
-            const int bufferSize = 4 << 20;
-            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize);
-            const auto socketIndex = static_cast<std::uint32_t>(upstreamSockets_.size());
-            epoll_event event{};
-            event.events = EPOLLIN;
-            event.data.u64 = makeTag(Kind::upstreamUdp, socketIndex, 0);
-            ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event);
-            UpstreamSocket upstream;
-            upstream.fd = fd;
-            upstream.family = family;
-            upstream.batch.setFd(fd);
-            upstreamSockets_.push_back(std::move(upstream));
-            first = std::min<std::size_t>(first, socketIndex);
-            ++count;
-        }
-        if (count == 0) {
-            return -1;
+    for (const PendingRef& ref : waiting) {
+        Query& query = queries_[ref.query];
+        if (query.inUse && query.generation == ref.generation && query.attempts[ref.attempt].live &&
+            !query.attempts[ref.attempt].tcp) {
+            attemptFailed(ref.query, ref.attempt);
         }
     }
-    // Spreading queries over several source ports makes a forged answer harder to land.
-    return static_cast<int>(first + arc4random_uniform(static_cast<std::uint32_t>(count)));
+}
+
+void Forwarder::Loop::closeUpstreamSocket(std::uint32_t socketIndex) {
+    UpstreamSocket& upstream = upstreamSockets_[socketIndex];
+    if (upstream.fd < 0) {
+        return;
+    }
+    upstream.batch.flush();
+    if (epollFd_ >= 0) {
+        ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, upstream.fd, nullptr);
+    }
+    closeFd(upstream.fd);
+    ++upstream.generation;
+    for (auto it = pending_.begin(); it != pending_.end();) {
+        it = (it->first >> 16) == socketIndex ? pending_.erase(it) : std::next(it);
+    }
+    freeSockets_.push_back(socketIndex);
 }
 
 void Forwarder::Loop::launch(std::uint32_t index) {
@@ -864,7 +925,7 @@ void Forwarder::Loop::launchUdp(std::uint32_t index, std::size_t resolver) {
     attempt.resolver = static_cast<std::uint8_t>(resolver);
     attempt.live = true;
     ++query.live;
-    const int socketIndex = upstreamSocketFor(endpoint.family());
+    const int socketIndex = upstreamSocketFor(endpoint);
     if (socketIndex < 0) {
         attemptFailed(index, resolver);
         return;
@@ -872,7 +933,7 @@ void Forwarder::Loop::launchUdp(std::uint32_t index, std::size_t resolver) {
     std::uint32_t key;
     std::uint16_t id;
     do {
-        id = static_cast<std::uint16_t>(arc4random());
+        id = random_.next16();
         key = static_cast<std::uint32_t>(socketIndex) << 16 | id;
     } while (pending_.count(key) != 0);
     pending_.emplace(key, PendingRef{index, query.generation, static_cast<std::uint8_t>(resolver)});
@@ -880,8 +941,7 @@ void Forwarder::Loop::launchUdp(std::uint32_t index, std::size_t resolver) {
     attempt.id = id;
     writeU16(query.upstreamQuery.data(), id);
     upstreamSockets_[static_cast<std::size_t>(socketIndex)].batch.add(
-        endpoint.socketAddress(), endpoint.length, query.upstreamQuery.data(),
-        query.upstreamQuery.size());
+        nullptr, 0, query.upstreamQuery.data(), query.upstreamQuery.size());
     ++counters_.upstreamQueries;
 }
 
@@ -898,20 +958,13 @@ void Forwarder::Loop::launchTcp(std::uint32_t index, std::size_t attemptIndex) {
         attemptFailed(index, attemptIndex);
         return;
     }
-    std::uint32_t connection;
-    if (!freeUpstreamTcp_.empty()) {
-        connection = freeUpstreamTcp_.back();
-        freeUpstreamTcp_.pop_back();
-    } else {
-        connection = static_cast<std::uint32_t>(upstreamTcp_.size());
-        upstreamTcp_.emplace_back();
-    }
+    const std::uint32_t connection = takeSlot(upstreamTcp_, freeUpstreamTcp_);
     UpstreamTcp& tcp = upstreamTcp_[connection];
     tcp.fd = fd;
     tcp.query = index;
     tcp.queryGeneration = query.generation;
     tcp.attempt = static_cast<std::uint8_t>(attemptIndex);
-    tcp.id = static_cast<std::uint16_t>(arc4random());
+    tcp.id = random_.next16();
     tcp.out.clear();
     tcp.out.push_back(static_cast<std::uint8_t>(query.upstreamQuery.size() >> 8));
     tcp.out.push_back(static_cast<std::uint8_t>(query.upstreamQuery.size()));
@@ -930,11 +983,16 @@ void Forwarder::Loop::launchTcp(std::uint32_t index, std::size_t attemptIndex) {
     ++counters_.upstreamQueries;
 }
 
-void Forwarder::Loop::receiveUpstream(std::uint32_t socketIndex) {
-    if (socketIndex >= upstreamSockets_.size()) {
+void Forwarder::Loop::receiveUpstream(std::uint32_t socketIndex, std::uint32_t generation) {
+    if (socketIndex >= upstreamSockets_.size() || upstreamSockets_[socketIndex].fd < 0 ||
+        upstreamSockets_[socketIndex].generation != generation) {
         return;
     }
     const int received = receiveBatch_.receive(upstreamSockets_[socketIndex].fd);
+    if (received < 0 && errno == ECONNREFUSED) {
+        failSocket(socketIndex);  // nothing listens there: its queries need not wait
+        return;
+    }
     for (int i = 0; i < received; ++i) {
         const auto position = static_cast<std::size_t>(i);
         const auto& message = receiveBatch_.messages[position];
@@ -1135,14 +1193,7 @@ void Forwarder::Loop::acceptClients() {
             ++counters_.dropped;
             continue;
         }
-        std::uint32_t index;
-        if (!freeTcpClients_.empty()) {
-            index = freeTcpClients_.back();
-            freeTcpClients_.pop_back();
-        } else {
-            index = static_cast<std::uint32_t>(tcpClients_.size());
-            tcpClients_.emplace_back();
-        }
+        const std::uint32_t index = takeSlot(tcpClients_, freeTcpClients_);
         TcpClient& client = tcpClients_[index];
         client.fd = fd;
         client.in.clear();
@@ -1286,6 +1337,13 @@ void Forwarder::Loop::closeClient(std::uint32_t index) {
 }
 
 void Forwarder::Loop::sweepTcp(Clock::time_point at) {
+    for (std::uint32_t i = 0; i < upstreamSockets_.size(); ++i) {
+        const UpstreamSocket& upstream = upstreamSockets_[i];
+        if (upstream.fd >= 0 && upstream.retired &&
+            at - upstream.retiredAt > options_.queryTimeout + std::chrono::seconds(1)) {
+            closeUpstreamSocket(i);
+        }
+    }
     for (std::uint32_t i = 0; i < tcpClients_.size(); ++i) {
         TcpClient& client = tcpClients_[i];
         if (client.fd >= 0 && client.outstanding == 0 &&
@@ -1420,6 +1478,15 @@ std::string Forwarder::listeningAddress() const {
 }
 
 void Forwarder::setPolicy(Policy policy) {
+    {
+        // The agent hands the same policy over again on many of its passes; only a real
+        // change is worth the cache.
+        std::lock_guard lock(policyMutex_);
+        if (currentPolicy_ && *currentPolicy_ == policy) {
+            return;
+        }
+        currentPolicy_ = policy;
+    }
     std::vector<std::string> problems;
     auto router = std::make_shared<const Router>(policy, problems);
     if (options_.log) {

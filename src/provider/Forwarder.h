@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -77,7 +79,8 @@ public:
     std::string listeningAddress() const;
 
     /// Replaces the policy and empties the cache. Queries already on their way finish under the
-    /// policy they started with, and their answers are not cached.
+    /// policy they started with, and their answers are not cached. A policy equal to the
+    /// current one changes nothing and keeps the cache.
     void setPolicy(Policy policy);
     /// The network's own DNS servers (as the machine had them before it was switched to this
     /// forwarder), for rules without resolvers. Addresses in the form of `PolicyRule::resolvers`.
@@ -93,6 +96,8 @@ public:
 private:
     class Loop;
     ForwarderOptions options_;
+    std::mutex policyMutex_;
+    std::optional<Policy> currentPolicy_;
     std::unique_ptr<Loop> loop_;
 };
 

@@ -19,7 +19,7 @@ bool readQuestionName(dns::DNSWireReader& reader, ClientQuery& query) {
         if (reader.failed() || (length & 0xC0) != 0) {
             return false;
         }
-        if (written + 1 + length > query.lowerName.size()) {
+        if (written + 1 + length > 255) {
             return false;  // over 255 bytes with the final zero
         }
         query.lowerName[written++] = length;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -46,5 +48,11 @@ public:
     /// Makes every interface renew its configuration.
     virtual void refreshInterfaces() = 0;
 };
+
+/// The services of this machine: NetworkManager's connections where NetworkManager answers on
+/// the system bus, else systemd-resolved's links; nothing, with `error` set, when neither
+/// answers. Changers lock each other out through /run/morvanecloud/network-services.lock.
+std::shared_ptr<NetworkServices> makeNetworkServices(
+    const std::function<void(const std::string&)>& log, std::string& error);
 
 }  // namespace morvane::sysdns

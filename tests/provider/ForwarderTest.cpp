@@ -3,6 +3,10 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -296,6 +300,22 @@ TEST_F(ForwarderTest, ServfailAndRefusedMoveOnToTheNextResolver) {
     EXPECT_EQ(network.count(), 1u);
 }
 
+TEST_F(ForwarderTest, AResolverThatIsNotThereIsLeftAtOnce) {
+    // A port nobody listens on: the kernel answers the query with "port unreachable".
+    std::string closed;
+    {
+        TestResolver gone("10.9.9.9");
+        closed = gone.address();
+    }
+    Policy policy;
+    policy.rules = {rule(std::nullopt, std::nullopt, {closed, defaults.address()})};
+    ForwarderOptions o = options();
+    o.raceDelay = 60s;  // only the refusal can move the query on in time
+    o.queryTimeout = 120s;
+    start(policy, o);
+    EXPECT_EQ(answerOf("www.example.com"), "10.0.0.1");
+}
+
 TEST_F(ForwarderTest, WhenEveryResolverFailsTheClientGetsServfail) {
     corporate.setBehaviour(Behaviour::servfail);
     network.setBehaviour(Behaviour::refused);
@@ -387,9 +407,16 @@ TEST_F(ForwarderTest, FlushAndAPolicyChangeEmptyTheCache) {
     forwarder->flush();
     ask("www.example.com");
     EXPECT_EQ(defaults.count(), 2u);
+    // The same policy again is no change: the answer stays.
     forwarder->setPolicy(standardPolicy());
     ask("www.example.com");
+    EXPECT_EQ(defaults.count(), 2u);
+    Policy changed = standardPolicy();
+    changed.locationTag = "office-8";
+    forwarder->setPolicy(changed);
+    ask("www.example.com");
     EXPECT_EQ(defaults.count(), 3u);
+    EXPECT_EQ(defaults.received().back().options.at(65073), "office-8");
     EXPECT_EQ(forwarder->stats().cacheEntries, 1u);
 }
 
@@ -454,6 +481,46 @@ TEST_F(ForwarderTest, ABusyAddressOrABadTextIsAClearError) {
     EXPECT_NE(error.find("is not an address and port"), std::string::npos) << error;
     EXPECT_FALSE(forwarder->start("127.0.0.1:0", error));
     EXPECT_NE(error.find("already listening"), std::string::npos) << error;
+}
+
+TEST_F(ForwarderTest, ListensOnIpv6Too) {
+    Forwarder v6(options());
+    v6.setPolicy(standardPolicy());
+    std::string error;
+    if (!v6.start("[::1]:0", error)) {
+        GTEST_SKIP() << "no IPv6 loopback here: " << error;
+    }
+    const std::string address = v6.listeningAddress();
+    EXPECT_EQ(address.rfind("[::1]:", 0), 0u) << address;
+    // Asked over TCP through the v6 address, answered by the v4 default resolver.
+    const int port = std::stoi(address.substr(address.rfind(':') + 1));
+    const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 to{};
+    to.sin6_family = AF_INET6;
+    to.sin6_port = htons(static_cast<std::uint16_t>(port));
+    to.sin6_addr = in6addr_loopback;
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    auto query = makeQuery("www.example.com", kA, 9);
+    std::vector<std::uint8_t> framed = {0, static_cast<std::uint8_t>(query.size())};
+    framed.insert(framed.end(), query.begin(), query.end());
+    ASSERT_EQ(::send(fd, framed.data(), framed.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(framed.size()));
+    std::vector<std::uint8_t> answer(2048);
+    std::size_t got = 0;
+    while (got < 2 || got < 2u + (answer[0] << 8 | answer[1])) {
+        pollfd p{fd, POLLIN, 0};
+        ASSERT_GT(::poll(&p, 1, 10000), 0);
+        const ssize_t n = ::read(fd, answer.data() + got, answer.size() - got);
+        ASSERT_GT(n, 0);
+        got += static_cast<std::size_t>(n);
+    }
+    ::close(fd);
+    answer.erase(answer.begin(), answer.begin() + 2);
+    answer.resize(got - 2);
+    const auto reply = readReply(answer);
+    ASSERT_TRUE(reply);
+    ASSERT_EQ(reply->addresses.size(), 1u);
+    EXPECT_EQ(reply->addresses.front(), "10.0.0.1");
 }
 
 TEST_F(ForwarderTest, StopsAndStartsAgainWithItsPolicy) {

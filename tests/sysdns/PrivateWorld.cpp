@@ -1,6 +1,7 @@
 #include "sysdns/PrivateWorld.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <sched.h>
 #include <signal.h>
@@ -15,6 +16,9 @@
 #include <cstring>
 #include <fstream>
 #include <thread>
+
+#include "support/ChildProcess.h"
+#include "sysdns/DnsSwitch.h"
 
 namespace morvane::sysdns::test {
 
@@ -97,6 +101,13 @@ bool PrivateSystemBus::start(std::string& error) {
         return false;
     }
     std::filesystem::create_directories(folder_);
+    // Daemons on the bus drop their privileges before they connect (resolved runs as its own
+    // user): the way to the socket must be open to them.
+    for (auto folder = folder_; folder.has_relative_path() && folder != "/tmp";
+         folder = folder.parent_path()) {
+        std::error_code ignored;
+        std::filesystem::permissions(folder, std::filesystem::perms(0755), ignored);
+    }
     const auto config = folder_ / "bus.conf";
     std::ofstream(config)
         << R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
@@ -149,6 +160,60 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds limi
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return condition();
+}
+
+int holdSwitch(DnsSwitch& dnsSwitch) {
+    std::string error;
+    if (!dnsSwitch.apply({"127.0.0.153", 53}, error)) {
+        std::cerr << error << "\n";
+        return 1;
+    }
+    ::pause();  // until killed
+    return 0;
+}
+
+int restoreSwitch(DnsSwitch& dnsSwitch) {
+    std::string error;
+    if (!dnsSwitch.restore(error)) {
+        std::cerr << error << "\n";
+        return 1;
+    }
+    return 0;
+}
+
+std::string killedHolderCycles(const std::string& holderRole, const std::string& cleanupRole,
+                               int cycles, const std::function<bool()>& switched,
+                               const std::function<std::string()>& differs) {
+    for (int cycle = 0; cycle < cycles; ++cycle) {
+        const std::string at = "cycle " + std::to_string(cycle) + ": ";
+        const int pid = ::morvane::test::startChild(holderRole, {});
+        if (pid <= 0) {
+            return at + "cannot start the holder";
+        }
+        const bool applied = waitUntil(switched, std::chrono::seconds(30));
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        if (!applied) {
+            return at + "the holder never switched";
+        }
+        std::string output;
+        if (::morvane::test::runChild(cleanupRole, {}, &output) != 0) {
+            return at + "the cleanup failed: " + output;
+        }
+        if (const auto difference = differs(); !difference.empty()) {
+            return at + difference;
+        }
+    }
+    return {};
+}
+
+void expectWorldPasses(const std::string& role) {
+    std::string output;
+    const int status = ::morvane::test::runChild(role, {}, &output);
+    if (status == kSkipStatus) {
+        GTEST_SKIP() << "this world cannot be built here: " << output;
+    }
+    EXPECT_EQ(status, 0) << output;
 }
 
 }  // namespace morvane::sysdns::test

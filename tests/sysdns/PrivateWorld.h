@@ -5,7 +5,22 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <string>
+
+namespace morvane::sysdns {
+class DnsSwitch;
+}
+
+/// In a child role that builds a world: a failed condition ends the role with status 1 and a
+/// line that says where and why, which the test shows.
+#define WORLD_CHECK(condition, message)                                             \
+    do {                                                                            \
+        if (!(condition)) {                                                         \
+            std::cerr << __LINE__ << ": " << #condition << ": " << message << "\n"; \
+            return 1;                                                               \
+        }                                                                           \
+    } while (false)
 
 namespace morvane::sysdns::test {
 
@@ -41,6 +56,22 @@ private:
     std::filesystem::path folder_;
     pid_t pid_ = -1;
 };
+
+/// The body of a holder role: applies the switch for the proxy on 127.0.0.153:53, then waits to
+/// be killed. The body of a cleanup role: restores, as the provider's next start does.
+int holdSwitch(DnsSwitch& dnsSwitch);
+int restoreSwitch(DnsSwitch& dnsSwitch);
+
+/// `cycles` times: starts the holder role, waits until `switched`, kills it with SIGKILL, runs
+/// the cleanup role in a new process, and asks `differs` what is not as it was (empty when all
+/// is). Gives the first failure, or an empty text.
+std::string killedHolderCycles(const std::string& holderRole, const std::string& cleanupRole,
+                               int cycles, const std::function<bool()>& switched,
+                               const std::function<std::string()>& differs);
+
+/// For the test body: runs the world's child role and reports it passed, failed with its
+/// output, or skipped with the reason it gave.
+void expectWorldPasses(const std::string& role);
 
 /// Waits for the condition, checking every few milliseconds, up to a generous limit.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds limit);

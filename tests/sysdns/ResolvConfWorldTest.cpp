@@ -15,6 +15,7 @@
 #include "sysdns/PrivateWorld.h"
 #include "sysdns/ResolvConfSwitch.h"
 #include "sysdns/SwitchGuard.h"
+#include "sysdns/SystemSwitch.h"
 #include "sysdns/TestDnsResponder.h"
 
 namespace morvane::sysdns {
@@ -27,14 +28,6 @@ const std::string kOriginal = "# the network's own\nnameserver 127.0.0.2\nsearch
 const char* const kName = "probe.morvane.test";
 const char* const kOldAnswer = "192.0.2.2";
 const char* const kProxyAnswer = "192.0.2.153";
-
-#define WORLD_CHECK(condition, message)                                             \
-    do {                                                                            \
-        if (!(condition)) {                                                         \
-            std::cerr << __LINE__ << ": " << #condition << ": " << message << "\n"; \
-            return 1;                                                               \
-        }                                                                           \
-    } while (false)
 
 ResolvConfSwitch::Options switchOptions() {
     ResolvConfSwitch::Options options;
@@ -73,23 +66,12 @@ struct World {
 
 MORVANE_CHILD_ROLE(resolvConfHolder) {
     ResolvConfSwitch dnsSwitch(switchOptions());
-    std::string error;
-    if (!dnsSwitch.apply({"127.0.0.153", 53}, error)) {
-        std::cerr << error << "\n";
-        return 1;
-    }
-    ::pause();  // until killed
-    return 0;
+    return test::holdSwitch(dnsSwitch);
 }
 
 MORVANE_CHILD_ROLE(resolvConfCleanup) {
     ResolvConfSwitch dnsSwitch(switchOptions());
-    std::string error;
-    if (!dnsSwitch.restore(error)) {
-        std::cerr << error << "\n";
-        return 1;
-    }
-    return 0;
+    return test::restoreSwitch(dnsSwitch);
 }
 
 MORVANE_CHILD_ROLE(resolvConfWorld) {
@@ -100,6 +82,18 @@ MORVANE_CHILD_ROLE(resolvConfWorld) {
         return status;
     }
     WORLD_CHECK(test::lookUp(kName, &error) == kOldAnswer, error);
+
+    // The machine is probed as one where the file decides: no system bus in this world (an
+    // address where nothing listens, never the machine's own bus).
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS",
+             ("unix:path=" + (world.dir.path() / "no-bus").string()).c_str(), 1);
+    {
+        SwitchEnvironment environment = SwitchEnvironment::system();
+        environment.stateDirectory = switchOptions().stateDirectory;
+        environment.durableDirectory = switchOptions().durableDirectory;
+        auto probed = makeSystemSwitch(environment);
+        WORLD_CHECK(probed->name() == "resolv.conf", probed->name());
+    }
 
     // Enable: the system resolver reaches the proxy.
     ResolvConfSwitch dnsSwitch(switchOptions());
@@ -127,23 +121,18 @@ MORVANE_CHILD_ROLE(resolvConfWorld) {
     }
 
     // kill -9 of the holder, then a new process restores; fifty times over.
-    for (int cycle = 0; cycle < 50; ++cycle) {
-        const int pid = ::morvane::test::startChild("resolvConfHolder", {});
-        WORLD_CHECK(pid > 0, "cannot start the holder");
-        const bool switched = test::waitUntil(
-            [] {
-                return ::morvane::test::readFile("/etc/resolv.conf")
-                           .find(ResolvConfSwitch::kHeader) != std::string::npos;
-            },
-            std::chrono::seconds(30));
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        WORLD_CHECK(switched, "cycle " << cycle << ": the holder never switched");
-        std::string output;
-        WORLD_CHECK(::morvane::test::runChild("resolvConfCleanup", {}, &output) == 0, output);
-        WORLD_CHECK(::morvane::test::readFile("/etc/resolv.conf") == kOriginal,
-                    "cycle " << cycle << ": bytes differ");
-    }
+    const auto failure = test::killedHolderCycles(
+        "resolvConfHolder", "resolvConfCleanup", 50,
+        [] {
+            return ::morvane::test::readFile("/etc/resolv.conf").find(ResolvConfSwitch::kHeader) !=
+                   std::string::npos;
+        },
+        [] {
+            return ::morvane::test::readFile("/etc/resolv.conf") == kOriginal
+                       ? std::string()
+                       : "bytes differ:\n" + ::morvane::test::readFile("/etc/resolv.conf");
+        });
+    WORLD_CHECK(failure.empty(), failure);
     WORLD_CHECK(test::lookUp(kName, &error) == kOldAnswer, error);
     return 0;
 }
@@ -170,21 +159,12 @@ MORVANE_CHILD_ROLE(resolvConfReadOnly) {
     return 0;
 }
 
-void runWorld(const char* role) {
-    std::string output;
-    const int status = ::morvane::test::runChild(role, {}, &output);
-    if (status == kSkipStatus) {
-        GTEST_SKIP() << "no private world here: " << output;
-    }
-    EXPECT_EQ(status, 0) << output;
-}
-
 TEST(ResolvConfWorld, EnableDisableRewriteAndFiftyKilledHoldersOnABindMountedFile) {
-    runWorld("resolvConfWorld");
+    test::expectWorldPasses("resolvConfWorld");
 }
 
 TEST(ResolvConfWorld, AReadOnlyFileIsAClearErrorAndStaysAsItWas) {
-    runWorld("resolvConfReadOnly");
+    test::expectWorldPasses("resolvConfReadOnly");
 }
 
 }  // namespace

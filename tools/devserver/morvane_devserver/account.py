@@ -57,6 +57,18 @@ class Account:
                 runtime["locations"] = wanted[:1] + [loc for loc in locations if loc is not wanted[0]]
         return result
 
+    def has_identity(self, user, location_tag):
+        """Whether a device of the account has this user identifier in its policy, with a
+        location of this tag: the identity the provider puts on its queries."""
+        with self._lock:
+            for device in self._devices.values():
+                runtime = ((device["policy"].get("cfg") or {}).get("runtime")) or {}
+                if runtime.get("user") != user:
+                    continue
+                if any(loc.get("tag") == location_tag for loc in runtime.get("locations") or []):
+                    return True
+        return False
+
     def add_keys(self, install_keys=(), device_keys=()):
         with self._lock:
             for key in install_keys:

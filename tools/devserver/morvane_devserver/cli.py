@@ -1,6 +1,7 @@
 """Command line, start and orderly stop of the development device server."""
 
 import argparse
+import ipaddress
 import json
 import os
 import shutil
@@ -14,6 +15,7 @@ from . import faults as faultlib
 from .account import Account
 from .policy import PolicyError, validate
 from .recorder import Recorder
+from .resolver import DEFAULT_BLOCK_LIST, DEFAULT_BLOCK_PAGE, FilteringResolver, Filter
 from .server import HOST, ControlServer, DeviceServer, State, log, make_certificate
 
 DEMO_INSTALL_KEY = "demo-install-key"
@@ -109,6 +111,19 @@ def _parser():
                         help="a fault pending from the start (repeatable; see below)")
     parser.add_argument("--record-file", metavar="FILE",
                         help="also append every request to FILE as a JSON line")
+    parser.add_argument("--dns-port", type=int, default=0,
+                        help="port of the filtering resolver (default 0, a free one; 53 where "
+                             "the resolver library must reach it, e.g. in a network namespace)")
+    parser.add_argument("--dns-address", default=HOST, metavar="ADDR",
+                        help=f"address of the filtering resolver (default {HOST})")
+    parser.add_argument("--no-dns", action="store_true", help="do not start the filtering resolver")
+    parser.add_argument("--dns-block", action="append", default=None, metavar="NAME",
+                        help="a name the resolver blocks, with the names below it, for devices "
+                             f"of the account (repeatable; default {DEFAULT_BLOCK_LIST[0]})")
+    parser.add_argument("--dns-block-page", default=DEFAULT_BLOCK_PAGE, metavar="ADDR",
+                        help=f"the block page's IPv4 address (default {DEFAULT_BLOCK_PAGE})")
+    parser.add_argument("--dns-answer", action="append", default=[], metavar="NAME=ADDR",
+                        help="a fixed A answer for anyone (repeatable); other names get NXDOMAIN")
     parser.add_argument("--watch-stdin", action="store_true",
                         help="stop when standard input reaches its end, so that a parent "
                              "which dies, however it dies, takes the server with it")
@@ -157,6 +172,16 @@ def main(argv=None):
     except faultlib.FaultError as problem:
         parser.error(f"--fault: {problem}")
     template = _load_policy(args.policy) if args.policy else None
+    if not 0 <= args.dns_port <= 65535:
+        parser.error("--dns-port must be from 0 to 65535")
+    answers = {}
+    for text in args.dns_answer:
+        name, _, address = text.partition("=")
+        if not name or not _is_ipv4(address):
+            parser.error(f"--dns-answer: expected NAME=IPv4 address, got {text!r}")
+        answers[name] = address
+    if not _is_ipv4(args.dns_block_page):
+        parser.error("--dns-block-page must be an IPv4 address")
 
     account = Account(args.install_key or [DEMO_INSTALL_KEY], args.device_key, template)
     try:
@@ -185,7 +210,16 @@ def main(argv=None):
         control = _listen("control", args.control_port, lambda: ControlServer(args.control_port, state))
         state.port = device.server_address[1]
         state.control_port = control.server_address[1]
-        for server in (device, control):
+        listeners = [device, control]
+        if not args.no_dns:
+            state.dns = Filter(account, args.dns_block or DEFAULT_BLOCK_LIST,
+                               args.dns_block_page, answers)
+            resolver = _listen("resolver", args.dns_port,
+                               lambda: FilteringResolver(args.dns_address, args.dns_port, state.dns))
+            state.dns_address = args.dns_address
+            state.dns_port = resolver.server_address[1]
+            listeners.append(resolver)
+        for server in listeners:
             # shutdown() waits for serve_forever, so only servers that run are listed
             threading.Thread(target=server.serve_forever, args=(0.1,), daemon=True).start()
             servers.append(server)
@@ -195,6 +229,8 @@ def main(argv=None):
         print(f"LISTENING {HOST} {state.port} {state.control_port} {state.certificate}", flush=True)
         log(f"device server on https://{HOST}:{state.port} (certificate {state.certificate})")
         log(f"control interface on http://{HOST}:{state.control_port}")
+        if state.dns:
+            log(f"filtering resolver on {state.dns_address} port {state.dns_port} (UDP)")
         log(f"install keys: {', '.join(account.snapshot()['install_keys'])}")
 
         for signum in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
@@ -216,6 +252,14 @@ def main(argv=None):
         recorder.close()
         if temporary:
             shutil.rmtree(temporary, ignore_errors=True)
+
+
+def _is_ipv4(text):
+    try:
+        ipaddress.IPv4Address(text)
+        return True
+    except ValueError:
+        return False
 
 
 def _listen(role, port, make):

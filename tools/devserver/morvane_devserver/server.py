@@ -38,6 +38,10 @@ class State:
         self.port = None
         self.control_port = None
         self.certificate = None
+        # The filtering resolver's rules and its record of queries; none when it is off.
+        self.dns = None
+        self.dns_address = None
+        self.dns_port = None
 
 
 def make_certificate(folder):
@@ -242,7 +246,13 @@ class ControlHandler(http.server.BaseHTTPRequestHandler):
                     "control_port": state.control_port,
                     "url": f"https://{HOST}:{state.port}",
                     "certificate": state.certificate,
+                    "dns_address": state.dns_address,
+                    "dns_port": state.dns_port,
                 })
+            elif route == ("GET", "/dns/queries"):
+                self._reply(200, state.dns.queries() if state.dns else [])
+            elif route == ("POST", "/dns/queries/clear"):
+                self._reply(200, {"cleared": state.dns.clear() if state.dns else 0})
             elif route == ("GET", "/requests"):
                 since = query.get("since", ["0"])[0]
                 if not since.isdigit():
