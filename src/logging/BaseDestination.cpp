@@ -142,6 +142,10 @@ void BaseDestination::sendQueuedLines() {
         // A line queued from now on needs a block of its own, behind this one.
         sendScheduled_ = false;
     }
+    sendBurst(lines);
+}
+
+void BaseDestination::sendBurst(const std::vector<QueuedLine>& lines) {
     for (const auto& line : lines) {
         send(line.level, line.message, line.thread, line.file, line.function, line.line,
              line.context);

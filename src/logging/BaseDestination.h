@@ -137,6 +137,10 @@ protected:
     static LevelColor terminalLevelColor();
     static constexpr std::string_view kTerminalReset = "\x1b[0m";
     static constexpr std::string_view kTerminalEscape = "\x1b[38;5;";
+    /// Sends the lines that were queued together, in the order of the calls. The default
+    /// sends them one by one; a destination whose output costs something per write may
+    /// gather them. Runs on the queue.
+    virtual void sendBurst(const std::vector<QueuedLine>& lines);
 
 private:
     void sendQueuedLines();

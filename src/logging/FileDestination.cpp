@@ -1,5 +1,6 @@
 #include "logging/FileDestination.h"
 
+#include <algorithm>
 #include <system_error>
 
 #include "platform/FileAppend.h"
@@ -46,30 +47,55 @@ std::optional<std::string> FileDestination::send(Level level, const std::string&
                                                  const std::string& function, int line,
                                                  const Context& context) {
     auto rendered = BaseDestination::send(level, message, thread, file, function, line, context);
-    if (rendered) {
-        saveToFile(*rendered);
+    if (rendered && logFileURL_) {
+        std::string bytes;
+        bytes.reserve(rendered->size() + 1);
+        bytes.append(*rendered).push_back('\n');
+        saveToFile(bytes, 1);
     }
     return rendered;
 }
 
-void FileDestination::saveToFile(const std::string& line) const {
-    if (!logFileURL_) {
-        return;
-    }
+void FileDestination::sendBurst(const std::vector<QueuedLine>& lines) {
     std::string bytes;
-    bytes.reserve(line.size() + 1);
-    bytes.append(line).push_back('\n');
-    const auto result = platform::appendLocked(*logFileURL_, bytes, syncAfterEachWrite_);
-    switch (result.status) {
-        case platform::AppendResult::Status::written:
-            break;
-        case platform::AppendResult::Status::couldNotWrite:
-            printLine("LogCenter File Destination could not write to file " +
-                      logFileURL_->string() + ".");
-            break;
-        case platform::AppendResult::Status::couldNotLock:
-            printLine("Failed writing file with error: " + result.error);
-            break;
+    std::size_t count = 0;
+    for (const auto& line : lines) {
+        const auto rendered =
+            BaseDestination::send(line.level, line.message, line.thread, line.file, line.function,
+                                  line.line, line.context);
+        if (!rendered || !logFileURL_) {
+            continue;
+        }
+        if (bytes.empty()) {
+            bytes.reserve(std::min(burstBytes, (rendered->size() + 1) * lines.size()));
+        }
+        bytes.append(*rendered).push_back('\n');
+        ++count;
+        if (bytes.size() >= burstBytes) {
+            saveToFile(bytes, count);
+            bytes.clear();
+            count = 0;
+        }
+    }
+    if (count > 0) {
+        saveToFile(bytes, count);
+    }
+}
+
+void FileDestination::saveToFile(const std::string& lines, std::size_t lineCount) const {
+    const auto result = platform::appendLocked(*logFileURL_, lines, syncAfterEachWrite_);
+    for (std::size_t lost = 0; lost < lineCount; ++lost) {
+        switch (result.status) {
+            case platform::AppendResult::Status::written:
+                return;
+            case platform::AppendResult::Status::couldNotWrite:
+                printLine("LogCenter File Destination could not write to file " +
+                          logFileURL_->string() + ".");
+                break;
+            case platform::AppendResult::Status::couldNotLock:
+                printLine("Failed writing file with error: " + result.error);
+                break;
+        }
     }
 }
 

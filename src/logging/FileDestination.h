@@ -8,8 +8,9 @@
 namespace morvane::logging {
 
 /// Appends each line to a file. The file is opened, locked, appended to and closed for every
-/// line, so other processes may read, move or remove it at any time; a line that cannot be
-/// written is reported on standard output and lost, and the next line tries again.
+/// line (for every burst of lines queued together), so other processes may read, move or
+/// remove it between them; a line that cannot be written is reported on standard output and
+/// lost, and the next line tries again.
 class FileDestination : public BaseDestination {
 public:
     /// Without a file, "logcenter.log" in a folder named after the executable in the user's
@@ -35,9 +36,19 @@ public:
     /// True when there is no file to remove or it was removed.
     bool deleteLogFile();
 
+protected:
+    /// Lines queued together are appended together: one open, exclusive claim, append and
+    /// close for the burst (up to burstBytes at a time) instead of for each line. Every byte
+    /// is still written under the claim, and between bursts the file is free for others to
+    /// read, move or remove, as between lines.
+    void sendBurst(const std::vector<QueuedLine>& lines) override;
+
 private:
+    static constexpr std::size_t burstBytes = 64 * 1024;
+
     static std::filesystem::path defaultLogFileURL();
-    void saveToFile(const std::string& line) const;
+    // Appends whole lines, each ending in "\n"; a failure is reported once for each line lost.
+    void saveToFile(const std::string& lines, std::size_t lineCount) const;
 
     std::optional<std::filesystem::path> logFileURL_;
     bool syncAfterEachWrite_ = false;

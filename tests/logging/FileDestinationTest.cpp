@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "logging/FileDestination.h"
+#include "platform/DispatchQueue.h"
 #include "platform/ProcessInfo.h"
 #include "support/TestEnvironment.h"
 
@@ -90,6 +95,57 @@ TEST_F(FileDestinationTest, FailedWriteIsReportedAndTheNextLineTriesAgain) {
 
     fs::remove(blocker);
     send(destination, "written");
+    EXPECT_EQ(readFile(file), "written\n");
+}
+
+// Lines queued while the destination's queue is busy are sent together, as one burst.
+void sendAsOneBurst(const std::shared_ptr<FileDestination>& destination,
+                    const std::vector<std::string>& messages) {
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    destination->execute(false, [released] { released.wait(); });
+    for (const auto& message : messages) {
+        destination->enqueue({Level::info, message, "", "/a/b.cpp", "f()", 1, std::nullopt}, false);
+    }
+    release.set_value();
+    destination->queue()->waitUntilIdle();
+}
+
+TEST_F(FileDestinationTest, LinesQueuedTogetherArriveWholeAndInOrder) {
+    const fs::path file = home.root() / "logs/Tarn.log";
+    auto destination = std::make_shared<FileDestination>(file);
+    destination->setFormat("$M");
+    // More than one append's worth, so the burst is split on a line boundary.
+    std::vector<std::string> messages;
+    std::string expected;
+    for (int i = 0; i < 3000; ++i) {
+        messages.push_back("line " + std::to_string(i) + " " + std::string(40, 'x'));
+        expected += messages.back() + "\n";
+    }
+    sendAsOneBurst(destination, messages);
+    EXPECT_EQ(readFile(file), expected);
+
+    // Removed between bursts: the next burst makes it anew.
+    fs::remove(file);
+    sendAsOneBurst(destination, {"after", "removal"});
+    EXPECT_EQ(readFile(file), "after\nremoval\n");
+}
+
+TEST_F(FileDestinationTest, ABurstThatCannotBeWrittenReportsEachLine) {
+    const fs::path blocker = home.root() / "blocker";
+    writeFile(blocker, "not a folder");
+    const fs::path file = blocker / "Tarn.log";
+    auto destination = std::make_shared<FileDestination>(file);
+    destination->setFormat("$M");
+
+    ::testing::internal::CaptureStdout();
+    sendAsOneBurst(destination, {"one", "two", "three"});
+    const std::string report =
+        "LogCenter File Destination could not write to file " + file.string() + ".\n";
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), report + report + report);
+
+    fs::remove(blocker);
+    sendAsOneBurst(destination, {"written"});
     EXPECT_EQ(readFile(file), "written\n");
 }
 
