@@ -1,6 +1,8 @@
 // morvanecloud: the agent in the user's session, and the install command
 // (`sudo morvanecloud KEY=VALUE ...`). Which of the two a run is follows from its
 // environment: a process started from a shell has "SUDO_COMMAND" or "PWD".
+#include <unistd.h>
+
 #include <QApplication>
 #include <QCoreApplication>
 #include <csignal>
@@ -8,7 +10,6 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "app/AppDelegate.h"

@@ -1,16 +1,16 @@
 #include "app/AppDelegate.h"
 
-#include <cstdio>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 
-#include "proxy/NetworkExtensionManager.h"
 #include "helper/DownloadCertManager.h"
 #include "platform/MainQueue.h"
 #include "platform/RunningInstances.h"
 #include "platform/StandardOutput.h"
 #include "platform/SystemLog.h"
 #include "platform/URL.h"
+#include "proxy/NetworkExtensionManager.h"
 #include "settings/Utils.h"
 
 namespace morvane {
@@ -188,9 +188,8 @@ void AppDelegate::endExtensionAndQuit() {
         status_ = ExitStatus::invalidArguments;
     }
     // Only begins the quit: the rest of the start runs on until the unload has reported back.
-    NetworkExtensionManager::shared()->unloadConfigurations(true, [this](std::optional<ProxyError>) {
-        MainQueue::async([this] { terminate(); });
-    });
+    NetworkExtensionManager::shared()->unloadConfigurations(
+        true, [this](std::optional<ProxyError>) { MainQueue::async([this] { terminate(); }); });
 }
 
 void AppDelegate::terminateOtherInstances() {
@@ -213,8 +212,8 @@ void AppDelegate::terminate() {
     }
 }
 
-AppDelegate::TerminateReply AppDelegate::applicationShouldTerminate(bool sessionEnding,
-                                                                 std::function<void()> replyToTerminate) {
+AppDelegate::TerminateReply AppDelegate::applicationShouldTerminate(
+    bool sessionEnding, std::function<void()> replyToTerminate) {
     if (wasRunFromCommandLine_) {
         return TerminateReply::now;
     }

@@ -34,7 +34,8 @@ public:
     /// The answer to a request to quit. `sessionEnding` tells a quit by the end of the user's
     /// session from one by the user. `later`: the provider's configuration is being removed and
     /// `replyToTerminate` is called on the main queue when the process may go.
-    TerminateReply applicationShouldTerminate(bool sessionEnding, std::function<void()> replyToTerminate);
+    TerminateReply applicationShouldTerminate(bool sessionEnding,
+                                              std::function<void()> replyToTerminate);
     /// The last word before the process ends.
     void applicationWillTerminate();
 

@@ -6,22 +6,22 @@
 #include <string>
 #include <vector>
 
+#include "app/MenuInteraction.h"
 #include "core/ChangeType.h"
 #include "core/Injected.h"
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
 #include "device/DeviceConfigManager.h"
+#include "helper/TarnHelperProxy.h"
 #include "messages/DeviceConfiguration.h"
 #include "platform/DispatchQueue.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Scheduler.h"
+#include "proxy/NetworkExtensionManager.h"
+#include "proxy/SharedDefaultsManager.h"
 #include "settings/ConfigFileWriter.h"
 #include "settings/InstallerHelper.h"
 #include "settings/Settings.h"
-#include "app/MenuInteraction.h"
-#include "helper/TarnHelperProxy.h"
-#include "proxy/NetworkExtensionManager.h"
-#include "proxy/SharedDefaultsManager.h"
 #include "ui/TarnUserNotification.h"
 #include "watch/NCSICheck.h"
 #include "watch/NetworkCheck.h"
@@ -115,8 +115,8 @@ public:
     static std::vector<std::string> resolverList(const std::optional<DeviceConfiguration>& config);
     std::optional<DeviceConfiguration> currentConfiguration(
         const std::optional<platform::Notification>& notification, ChangeType changeType);
-    virtual void setMenubarStatus(ChangeType changeType, bool hasIpAddress, bool userAcceptedExtension,
-                                  bool vpnRunning);
+    virtual void setMenubarStatus(ChangeType changeType, bool hasIpAddress,
+                                  bool userAcceptedExtension, bool vpnRunning);
     void createMenuIfNeeded();
     void updateMenuAndExtension(const DeviceConfiguration& configuration, ChangeType changeType,
                                 const std::string& ip);
@@ -127,7 +127,8 @@ public:
 protected:
     /// The DNS proxy manager and the status bar as the pass reaches them; tests put their own.
     virtual std::shared_ptr<NetworkExtensionManager> proxyManager();
-    virtual std::shared_ptr<TarnStatusBarController> makeStatusMenu(ui::TrayType trayType, bool showTestMenu);
+    virtual std::shared_ptr<TarnStatusBarController> makeStatusMenu(ui::TrayType trayType,
+                                                                    bool showTestMenu);
     virtual void lookUpExternalIP(const DeviceConfiguration& configuration,
                                   std::function<void(const std::string&)> continuation);
     void applyExternalIP(const std::string& ip, const std::shared_ptr<PassCells>& pass,

@@ -1,10 +1,9 @@
 // The policy pass: what ChangeObserver does for each event once the loop has ordered its
 // steps: find the configuration, learn the external address, bring the menu up to date and
 // hand the policy to the DNS proxy.
-#include "app/ChangeObserver.h"
-
 #include <sstream>
 
+#include "app/ChangeObserver.h"
 #include "core/ActionManager.h"
 #include "dns/DNSResolver.h"
 #include "helper/TarnHelperProxy.h"
@@ -100,7 +99,8 @@ int ChangeObserver::statusCode(ChangeType changeType) {
     }
 }
 
-std::vector<std::string> ChangeObserver::resolverList(const std::optional<DeviceConfiguration>& config) {
+std::vector<std::string> ChangeObserver::resolverList(
+    const std::optional<DeviceConfiguration>& config) {
     std::vector<std::string> resolvers;
     if (!config || !config->result || !config->result->filters) {
         return resolvers;
@@ -117,17 +117,20 @@ std::shared_ptr<NetworkExtensionManager> ChangeObserver::proxyManager() {
     return NetworkExtensionManager::shared();
 }
 
-std::shared_ptr<TarnStatusBarController> ChangeObserver::makeStatusMenu(ui::TrayType trayType, bool showTestMenu) {
+std::shared_ptr<TarnStatusBarController> ChangeObserver::makeStatusMenu(ui::TrayType trayType,
+                                                                        bool showTestMenu) {
     return std::make_shared<TarnStatusBarController>(trayType, showTestMenu);
 }
 
 bool ChangeObserver::userAcceptedExtension() {
     const auto state = proxyManager()->extensionState;
-    return !(state.count(ExtensionStatus::failedToInstall) || state.count(ExtensionStatus::notStarted));
+    return !(state.count(ExtensionStatus::failedToInstall) ||
+             state.count(ExtensionStatus::notStarted));
 }
 
 bool ChangeObserver::pathIsSatisfied() {
-    return networkCheck->monitor && networkCheck->monitor->currentPath().status == platform::NetworkPath::Status::satisfied;
+    return networkCheck->monitor &&
+           networkCheck->monitor->currentPath().status == platform::NetworkPath::Status::satisfied;
 }
 
 void ChangeObserver::reloadConfigIfNeeded(ChangeType changeType) {
@@ -160,7 +163,8 @@ void ChangeObserver::showChangeNotification(ChangeType changeType) {
                 return;
             }
             self->userNotification->sendNotification(
-                notificationSettings, std::string("Tarn Notification"), body, [weak](bool delivered) {
+                notificationSettings, std::string("Tarn Notification"), body,
+                [weak](bool delivered) {
                     if (delivered) {
                         return;
                     }
@@ -179,8 +183,9 @@ std::optional<DeviceConfiguration> ChangeObserver::currentConfiguration(
     if (auto overlaid = Utils::readDeviceConfigurationWithOverlay(*settings.get())) {
         return overlaid;
     }
-    if (notification && (changeType == ChangeType::connected || changeType == ChangeType::VPNDidStop ||
-                         changeType == ChangeType::deviceConfigRefreshed)) {
+    if (notification &&
+        (changeType == ChangeType::connected || changeType == ChangeType::VPNDidStop ||
+         changeType == ChangeType::deviceConfigRefreshed)) {
         if (const auto* payload = std::any_cast<DeviceConfiguration>(&notification->object)) {
             return *payload;
         }
@@ -219,17 +224,19 @@ void ChangeObserver::handleOnChange(const std::optional<platform::Notification>&
 
 void ChangeObserver::lookUpExternalIP(const DeviceConfiguration& configuration,
                                       std::function<void(const std::string&)> continuation) {
-    concurrentQueue->async([weak = weak_from_this(), configuration, continuation = std::move(continuation)] {
-        std::vector<std::string> resolvers;
-        if (auto self = weak.lock()) {
-            resolvers = self->resolverList(configuration);
-        }
-        continuation(dns::DNSResolver::resolveDNSUsingMorvane(resolvers));
-    });
+    concurrentQueue->async(
+        [weak = weak_from_this(), configuration, continuation = std::move(continuation)] {
+            std::vector<std::string> resolvers;
+            if (auto self = weak.lock()) {
+                resolvers = self->resolverList(configuration);
+            }
+            continuation(dns::DNSResolver::resolveDNSUsingMorvane(resolvers));
+        });
 }
 
 void ChangeObserver::applyExternalIP(const std::string& ip, const std::shared_ptr<PassCells>& pass,
-                                     bool userAcceptedExtension, const DeviceConfiguration& configuration) {
+                                     bool userAcceptedExtension,
+                                     const DeviceConfiguration& configuration) {
     log("handleOnChange::  have configuration - setting menu and extension with external ip " + ip +
         " with change event : " + std::string(rawValue(pass->changeType)));
     MainQueue::async([weak = weak_from_this(), ip, pass, userAcceptedExtension, configuration] {
@@ -240,7 +247,8 @@ void ChangeObserver::applyExternalIP(const std::string& ip, const std::shared_pt
         if (pass->changeType == ChangeType::disconnected) {
             self->lastKnownIP.clear();
         }
-        self->setMenubarStatus(pass->changeType, !ip.empty(), userAcceptedExtension, pass->vpnRunning);
+        self->setMenubarStatus(pass->changeType, !ip.empty(), userAcceptedExtension,
+                               pass->vpnRunning);
         if (self->menuInteraction && self->menuInteraction->statusMenu) {
             self->menuInteraction->statusMenu->updateExternalIp(ip);
         }
@@ -259,13 +267,14 @@ void ChangeObserver::applyExternalIP(const std::string& ip, const std::shared_pt
     });
 }
 
-void ChangeObserver::setMenubarStatus(ChangeType changeType, bool hasIpAddress, bool userAcceptedExtension,
-                                      bool vpnRunning) {
+void ChangeObserver::setMenubarStatus(ChangeType changeType, bool hasIpAddress,
+                                      bool userAcceptedExtension, bool vpnRunning) {
     log("setMenubarStatus based on changeType " + std::string(rawValue(changeType)));
     createMenuIfNeeded();
     auto menu = menuInteraction ? menuInteraction->statusMenu : nullptr;
     if (menu) {
-        menu->updateStatusMessage(statusCode(changeType), hasIpAddress, userAcceptedExtension, vpnRunning);
+        menu->updateStatusMessage(statusCode(changeType), hasIpAddress, userAcceptedExtension,
+                                  vpnRunning);
     }
     sendDeviceKeyToMenu();
     if (auto userName = settings->userDefaults->stringForKey("userName"); userName && menu) {
@@ -291,7 +300,8 @@ void ChangeObserver::createMenuIfNeeded() {
     }
     log("creating menu");
     const auto trayType = settings->trayType();
-    const auto showTestMenuText = settings->userDefaults->stringForKey("SHOW_TEST_MENU").value_or("FALSE");
+    const auto showTestMenuText =
+        settings->userDefaults->stringForKey("SHOW_TEST_MENU").value_or("FALSE");
     const bool showTestMenu = showTestMenuText == "TRUE";
     log(std::string("showTestMenuStr is ") + (showTestMenu ? "true" : "false"));
     menuInteraction.emplace();
@@ -302,8 +312,8 @@ void ChangeObserver::createMenuIfNeeded() {
     menuInteraction->statusMenu->addStatusBar(true);
 }
 
-void ChangeObserver::updateMenuAndExtension(const DeviceConfiguration& configuration, ChangeType changeType,
-                                            const std::string& ip) {
+void ChangeObserver::updateMenuAndExtension(const DeviceConfiguration& configuration,
+                                            ChangeType changeType, const std::string& ip) {
     concurrentQueue->asyncBarrier([weak = weak_from_this(), ip, configuration] {
         MainQueue::async([weak, ip, configuration] {
             if (auto self = weak.lock()) {
@@ -314,11 +324,13 @@ void ChangeObserver::updateMenuAndExtension(const DeviceConfiguration& configura
     const ActionManager actionManager(configuration);
     if (actionManager.deviceConfiguration && actionManager.deviceConfiguration->result &&
         actionManager.deviceConfiguration->result->actions) {
-        log("updateMenuAndExtension::  actionManager for change " + std::string(rawValue(changeType)) +
-            ". actionManager is " + description(*actionManager.deviceConfiguration->result->actions));
+        log("updateMenuAndExtension::  actionManager for change " +
+            std::string(rawValue(changeType)) + ". actionManager is " +
+            description(*actionManager.deviceConfiguration->result->actions));
     }
-    log("updateMenuAndExtension::  updated configuration for change " + std::string(rawValue(changeType)) +
-        ". Reconfiguring NETWORK EXTENSION for ipAddress " + ip);
+    log("updateMenuAndExtension::  updated configuration for change " +
+        std::string(rawValue(changeType)) + ". Reconfiguring NETWORK EXTENSION for ipAddress " +
+        ip);
     updateNetworkExtension(changeType, configuration);
     if (tarnhelperProxy) {
         tarnhelperProxy->flushDNS();
@@ -352,13 +364,14 @@ void ChangeObserver::updateMenu(const std::string& ip, const DeviceConfiguration
     config = configuration;
 }
 
-void ChangeObserver::updateNetworkExtension(ChangeType changeType, const DeviceConfiguration& configuration) {
+void ChangeObserver::updateNetworkExtension(ChangeType changeType,
+                                            const DeviceConfiguration& configuration) {
     const auto uuid = runtimeUser(configuration);
     const auto locationTag = firstLocationTag(configuration);
     const auto resolvers = resolverList(configuration);
     const auto ip = settings->userDefaults->stringForKey("EXTERNAL_IP");
-    log("updateNetworkExtension:: have uuid " + describe(uuid) + " for ip " + describe(ip) + " and locationTag " +
-        describe(locationTag) + " and resolvers = " + describe(resolvers));
+    log("updateNetworkExtension:: have uuid " + describe(uuid) + " for ip " + describe(ip) +
+        " and locationTag " + describe(locationTag) + " and resolvers = " + describe(resolvers));
     if (!uuid) {
         log("ERROR::updateNetworkExtension:: missing uuid in #file:Failing");
         return;
@@ -372,7 +385,7 @@ void ChangeObserver::updateNetworkExtension(ChangeType changeType, const DeviceC
         return;
     }
     proxyManager()->handleChange(changeType,
-                                                    NetworkExtConfig{*uuid, *locationTag, resolvers, configuration});
+                                 NetworkExtConfig{*uuid, *locationTag, resolvers, configuration});
 }
 
 void ChangeObserver::resetNetworkExtension(const DeviceConfiguration& configuration) {
@@ -392,11 +405,13 @@ void ChangeObserver::resetNetworkExtension(const DeviceConfiguration& configurat
         return;
     }
     if (!locationTag) {
-        logger->log("resetNetworkExtension:: missing locationTag in #file:Failing", LogLevel::warning);
+        logger->log("resetNetworkExtension:: missing locationTag in #file:Failing",
+                    LogLevel::warning);
         return;
     }
     if (resolvers.empty()) {
-        logger->log("resetNetworkExtension:: missing resolvers in #file:Failing", LogLevel::warning);
+        logger->log("resetNetworkExtension:: missing resolvers in #file:Failing",
+                    LogLevel::warning);
         return;
     }
     manager->resetExtension(NetworkExtConfig{*uuid, *locationTag, resolvers, configuration});

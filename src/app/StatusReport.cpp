@@ -53,8 +53,8 @@ StatusReport StatusReport::collect() {
     }
     report.enrolled = report.deviceKey.has_value();
 
-    if (const auto policy = readDocument<DeviceConfiguration>(Utils::deviceFileURL());
-        policy && policy->result) {
+    const auto policy = readDocument<DeviceConfiguration>(Utils::deviceFileURL());
+    if (policy && policy->result) {
         report.hasPolicy = true;
         const auto& cfg = policy->result->cfg;
         if (cfg && cfg->runtime && !cfg->runtime->locations.empty()) {

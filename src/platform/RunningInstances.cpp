@@ -1,11 +1,12 @@
 #include "platform/RunningInstances.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace morvane::platform {
 
@@ -63,8 +64,12 @@ std::vector<pid_t> scan(bool agentsOnly) {
 
 }  // namespace
 
-std::vector<pid_t> otherInstances() { return scan(false); }
+std::vector<pid_t> otherInstances() {
+    return scan(false);
+}
 
-std::vector<pid_t> runningAgents() { return scan(true); }
+std::vector<pid_t> runningAgents() {
+    return scan(true);
+}
 
 }  // namespace morvane::platform

@@ -310,7 +310,7 @@ sysdns::SwitchGuard& ProviderService::guard() {
 }
 
 void ProviderService::switchOn() {
-    if (!switch_) {
+    if (!switch_ || switch_->name() == "none") {
         log_.warning(
             "The machine's DNS is NOT switched to the proxy (no switch mechanism): only "
             "clients that ask " +

@@ -11,7 +11,6 @@
 #include <string>
 
 #include "provider/DnsSwitchFactory.h"
-#include "sysdns/SwitchGuard.h"
 #include "provider/Forwarder.h"
 #include "provider/ProviderBundle.h"
 #include "provider/ProviderErrors.h"
@@ -19,6 +18,7 @@
 #include "provider/ProxyConfigurationStore.h"
 #include "provider/ServiceLog.h"
 #include "sys/MessageServer.h"
+#include "sysdns/SwitchGuard.h"
 
 namespace morvane::provider {
 

@@ -7,6 +7,7 @@
 
 #include "app/ChangeObserver.h"
 #include "app/DepenencyInjection.h"
+#include "messages/JSONCoding.h"
 #include "platform/MainQueue.h"
 #include "platform/ManualScheduler.h"
 #include "proxy/ProxyTestSupport.h"
@@ -44,19 +45,25 @@ public:
     std::vector<int> menuCodes;
     int lookups = 0;
 
-    void setMenubarStatus(ChangeType changeType, bool hasIpAddress, bool accepted, bool vpnRunning) override {
+    void setMenubarStatus(ChangeType changeType, bool hasIpAddress, bool accepted,
+                          bool vpnRunning) override {
         menuCodes.push_back(statusCode(changeType));
         ChangeObserver::setMenubarStatus(changeType, hasIpAddress, accepted, vpnRunning);
     }
 
 protected:
     std::shared_ptr<NetworkExtensionManager> proxyManager() override { return manager; }
-    std::shared_ptr<TarnStatusBarController> makeStatusMenu(ui::TrayType trayType, bool showTestMenu) override {
+    std::shared_ptr<TarnStatusBarController> makeStatusMenu(ui::TrayType trayType,
+                                                            bool showTestMenu) override {
         return std::make_shared<TarnStatusBarController>(trayType, showTestMenu, tray);
     }
-    void lookUpExternalIP(const DeviceConfiguration&, std::function<void(const std::string&)> continuation) override {
+    void lookUpExternalIP(const DeviceConfiguration&,
+                          std::function<void(const std::string&)> continuation) override {
+        // The lookup answers later than the pass goes on with the stored address, as a real
+        // query on another thread does.
         ++lookups;
-        continuation(freshAddress);
+        platform::MainQueue::async(
+            [continuation, address = freshAddress] { continuation(address); });
     }
 };
 
@@ -78,7 +85,8 @@ protected:
             return std::make_shared<PassObserver>();
         }));
         Dependencies::build(std::move(rows));
-        observer()->manager->extensionState = {ExtensionStatus::userAccepted, ExtensionStatus::configured};
+        observer()->manager->extensionState = {ExtensionStatus::userAccepted,
+                                               ExtensionStatus::configured};
     }
     void TearDown() override {
         ui::UserNotificationCenter::setCurrent(nullptr);
@@ -86,7 +94,8 @@ protected:
     }
 
     std::shared_ptr<PassObserver> observer() {
-        return std::static_pointer_cast<PassObserver>(Dependencies::shared()->resolve<ChangeObserver>());
+        return std::static_pointer_cast<PassObserver>(
+            Dependencies::shared()->resolve<ChangeObserver>());
     }
     void writePolicy(const std::string& text) { test::writeFile(*Utils::deviceFileURL(), text); }
     std::shared_ptr<platform::UserDefaults> defaults() {
@@ -115,7 +124,8 @@ protected:
     }
 
     test::TempHome home_;
-    std::shared_ptr<platform::ManualScheduler> scheduler_ = std::make_shared<platform::ManualScheduler>();
+    std::shared_ptr<platform::ManualScheduler> scheduler_ =
+        std::make_shared<platform::ManualScheduler>();
     test::ScopedScheduler installed_{scheduler_};
     std::shared_ptr<test::RecordingNotificationCenter> notifications_ =
         std::make_shared<test::RecordingNotificationCenter>();
@@ -145,7 +155,8 @@ TEST_F(PolicyPassTest, AFreshAddressReachesTheProxyAsIpAddressChangedWhileTheMen
 
     EXPECT_EQ(observer()->lookups, 1);
     // First with the stored address, unchanged; then with the fresh one, a change.
-    EXPECT_EQ(handedChanges(), (std::vector<ChangeType>{ChangeType::connected, ChangeType::ipAddressChanged}));
+    EXPECT_EQ(handedChanges(),
+              (std::vector<ChangeType>{ChangeType::connected, ChangeType::ipAddressChanged}));
     for (const int code : observer()->menuCodes) {
         EXPECT_EQ(code, 0) << "the menu shows the event as it came";
     }
@@ -153,18 +164,21 @@ TEST_F(PolicyPassTest, AFreshAddressReachesTheProxyAsIpAddressChangedWhileTheMen
     const auto& handed = observer()->manager->changes.back().second;
     EXPECT_EQ(handed.UDDID, "user-7");
     EXPECT_EQ(handed.locationKey, "loc-1");
-    EXPECT_EQ(handed.resolvers, (std::vector<std::string>{"10.20.0.53", "192.0.2.53", "198.51.100.53"}));
+    EXPECT_EQ(handed.resolvers,
+              (std::vector<std::string>{"10.20.0.53", "192.0.2.53", "198.51.100.53"}));
 
     // The same address again: both runs of the pass hand over the event itself.
     observer()->manager->changes.clear();
     event(ChangeType::connected);
-    EXPECT_EQ(handedChanges(), (std::vector<ChangeType>{ChangeType::connected, ChangeType::connected}));
+    EXPECT_EQ(handedChanges(),
+              (std::vector<ChangeType>{ChangeType::connected, ChangeType::connected}));
 }
 
 TEST_F(PolicyPassTest, OnlyConnectedAndVPNDidStopLookUpTheExternalAddress) {
     writePolicy(policy(kTwoRules));
-    for (const auto kind : {ChangeType::disconnected, ChangeType::pollingInterval, ChangeType::didAwake,
-                            ChangeType::willSleep, ChangeType::VPNDidStart, ChangeType::deviceConfigEditedLocally}) {
+    for (const auto kind :
+         {ChangeType::disconnected, ChangeType::pollingInterval, ChangeType::didAwake,
+          ChangeType::willSleep, ChangeType::VPNDidStart, ChangeType::deviceConfigEditedLocally}) {
         event(kind);
     }
     EXPECT_EQ(observer()->lookups, 0);
@@ -184,7 +198,8 @@ TEST_F(PolicyPassTest, AnEmptyRuleListReachesNoProxyButIsStoredAndRemembered) {
 TEST_F(PolicyPassTest, TheProxyIsResetOnceForEachNewPolicyAndNotForTheSameOne) {
     writePolicy(policy(kTwoRules));
     event(ChangeType::pollingInterval);
-    EXPECT_EQ(observer()->manager->resets.size(), 1u) << "the first configuration counts as a change";
+    EXPECT_EQ(observer()->manager->resets.size(), 1u)
+        << "the first configuration counts as a change";
     event(ChangeType::pollingInterval);
     event(ChangeType::didAwake);
     EXPECT_EQ(observer()->manager->resets.size(), 1u);
@@ -210,7 +225,8 @@ TEST_F(PolicyPassTest, TheStoredFileWinsOverTheEventsPayload) {
     writePolicy(policy(kTwoRules));
     auto payload = decodeJSON<DeviceConfiguration>(policy(R"([{"resolvers":["192.0.2.1"]}])"));
     ASSERT_TRUE(payload);
-    observer()->onChange(ChangeType::deviceConfigRefreshed, platform::Notification{"deviceConfigRefreshed", *payload});
+    observer()->onChange(ChangeType::deviceConfigRefreshed,
+                         platform::Notification{"deviceConfigRefreshed", *payload});
     settle();
     ASSERT_FALSE(observer()->manager->changes.empty());
     EXPECT_EQ(observer()->manager->changes.back().second.resolvers.size(), 3u);

@@ -197,12 +197,19 @@ TEST_F(InstallCommandTest, InvalidValuesFailWithStatusOneAndEnrolNothing) {
     EXPECT_TRUE(server_->requests().empty());
 }
 
-TEST_F(InstallCommandTest, ActionsThisBuildCannotTakeAreStoredAndReportedAsNotCarriedOut) {
-    const auto output = runAsUser({"STOP=TRUE", "RESET=true"}, 4);
-    EXPECT_THAT(output,
-                HasSubstr("STOP=TRUE (stopping the DNS proxy) is stored but not carried out"));
-    EXPECT_THAT(output,
-                HasSubstr("RESET=true (resetting the DNS proxy) is stored but not carried out"));
+TEST_F(InstallCommandTest, StopAndResetAreCarriedOutAndEndTheRunThemselves) {
+    // Both given: no plain finish; the reset's end, not the 3-second quit, ends the run.
+    const auto output = runAsUser({"STOP=TRUE", "RESET=true"}, 0);
+    EXPECT_THAT(output, HasSubstr("stopProxyIfNeeded"));
+    EXPECT_THAT(output, HasSubstr("resetExtensionIfNeeded"));
+    EXPECT_THAT(output, ::testing::Not(HasSubstr("quitting")));
+}
+
+TEST_F(InstallCommandTest, StopInSmallLettersAndResetInCapitalsHaveNoEffect) {
+    const auto output = runAsUser({"STOP=true", "RESET=TRUE"}, 0);
+    EXPECT_THAT(output, HasSubstr("stopProxyIfNeeded"));
+    // Neither reached the DNS proxy: its manager, made on first use, was never made.
+    EXPECT_THAT(output, ::testing::Not(HasSubstr("DNS proxy activation")));
 }
 
 TEST_F(InstallCommandTest, AMistypedValueAsRootIsReportedBeforeTheCommandEnds) {
