@@ -60,7 +60,8 @@ world_up() {
     mount -t tmpfs -o mode=0755 world-run /run
     mount -t tmpfs -o mode=0755 world-var-lib /var/lib
     world_responder network "$WORLD_NETWORK_DNS" --default 10.30.0.1
-    world_responder corporate "$WORLD_CORPORATE_DNS" --zone corp.example.com=10.20.0.7
+    world_responder corporate "$WORLD_CORPORATE_DNS" --zone corp.example.com=10.20.0.7 \
+        --zone intra.example.net=10.20.0.8
 }
 
 # world_responder NAME ADDRESS ARGS...: a small resolver on ADDRESS:53 logging to NAME.log.
