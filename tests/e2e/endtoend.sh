@@ -114,6 +114,13 @@ proxy_enabled() {
 }
 world_wait_for proxy_enabled 60 && pass "the agent enabled the proxy" || fail "the proxy was not enabled"
 show "system DNS with the proxy: $(dns_settings)"
+# The filtering resolver answers "-.-" with the address it was asked from: the agent learns its
+# external address from a real query and stores it.
+if world_wait_for "as_user '$agent_bin' --status | grep -q 'External address:  127\.'" 60; then
+    pass "the external address learnt from the filtering resolver: $(as_user "$agent_bin" --status | sed -n 's/^External address: *//p')"
+else
+    fail "no external address stored"
+fi
 expect_lookup blocked.example.com 192.0.2.80 "blocked by the policy"
 expect_lookup www.corp.example.com 10.20.0.7 "corporate name from the corporate resolver"
 expect_lookup www.example.org 198.51.100.10 "ordinary name from the filtering resolver"
