@@ -262,7 +262,11 @@ TEST(ProviderStopTest, AStopWithAReasonOverTheLinkGivesUserStoppedAndARefresh) {
     manager->networkQuestions.getDNSAddresses = [] { return std::vector<std::string>{}; };
     // The one public way into a cycle: an address change resets the proxy.
     manager->resetExtension(NetworkExtConfig{"u", "loc", {"9.9.9.9"}, *device});
-    ASSERT_TRUE(test::runMainLoopUntil([&] { return link.messages().size() == 1; }));
+    // The registration and the state it follows come on different threads: both are awaited.
+    ASSERT_TRUE(test::runMainLoopUntil([&] {
+        return link.messages().size() == 1 &&
+               manager->extensionState.contains(ExtensionStatus::configured);
+    }));
     saved = manager->extensionState.contains(ExtensionStatus::configured);
     EXPECT_TRUE(saved);
 
