@@ -9,7 +9,7 @@ namespace morvane::sysdns {
 namespace {
 
 struct ErrorHolder {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // all empty, as SD_BUS_ERROR_NULL (a C compound literal) has it
     ~ErrorHolder() { sd_bus_error_free(&error); }
 };
 
