@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "helper/HelperFiles.h"
+#include "sys/Files.h"
 #include "sys/SystemPaths.h"
 #include "sys/UnixSocket.h"
 
@@ -21,7 +22,7 @@ std::mutex& tokensMutex() {
 
 nlohmann::json loadList(const std::filesystem::path& path) {
     std::string error;
-    const auto text = helper::readWholeFile(path, error);
+    const auto text = sys::readWholeFile(path, &error);
     if (!text) {
         return nlohmann::json::array();
     }
@@ -81,7 +82,7 @@ bool AuthorizationTokens::mayCreate(uid_t uid, std::string& why) {
     }
     const auto ownerIn = [](const std::filesystem::path& file, const char* key) {
         std::string ignored;
-        const auto text = helper::readWholeFile(file, ignored);
+        const auto text = sys::readWholeFile(file, &ignored);
         const auto parsed = text ? nlohmann::json::parse(*text, nullptr, false) : nlohmann::json();
         const auto found = parsed.is_object() ? parsed.find(key) : parsed.end();
         return parsed.is_object() && found != parsed.end() && found->is_number_integer() &&
@@ -101,7 +102,7 @@ bool AuthorizationTokens::mayCreate(uid_t uid, std::string& why) {
         return *owner == static_cast<long long>(uid);
     }
     std::string error;
-    if (!helper::writeFileAtomically(
+    if (!sys::writeFileAtomically(
             ownerFile, nlohmann::json{{"uid", static_cast<long long>(uid)}}.dump() + "\n", 0644,
             error)) {
         why = error;
@@ -138,7 +139,7 @@ std::optional<AuthorizationTokens::Token> AuthorizationTokens::create(uid_t uid)
     std::error_code ignored;
     std::filesystem::create_directories(path_.parent_path(), ignored);
     std::string error;
-    if (!helper::writeFileAtomically(path_, list.dump() + "\n", 0600, error)) {
+    if (!sys::writeFileAtomically(path_, list.dump() + "\n", 0600, error)) {
         return std::nullopt;
     }
     return token;

@@ -2,6 +2,7 @@
 
 #include "helper/CertificateTrust.h"
 #include "helper/HelperFiles.h"
+#include "sys/Files.h"
 #include "helper/HttpFetch.h"
 #include "helper/ShellCommand.h"
 #include "helper/TarnLogHelper.h"
@@ -39,7 +40,7 @@ std::optional<std::filesystem::path> CertHelper::downloadCert(const std::string&
         return target;
     }
     std::string error;
-    if (!helper::writeFileAtomically(*target, *result.data, 0644, error)) {
+    if (!sys::writeFileAtomically(*target, *result.data, 0644, error)) {
         log("Failed to write file: " + error);
     } else {
         log("File is saved to " + target->string());
@@ -49,7 +50,7 @@ std::optional<std::filesystem::path> CertHelper::downloadCert(const std::string&
 
 bool CertHelper::importCert(const std::string& path) {
     std::string error;
-    const auto data = helper::readWholeFile(path, error);
+    const auto data = sys::readWholeFile(path, &error);
     const auto pem = data ? helper::certificatePem(*data) : std::nullopt;
     if (!pem) {
         log("Failed to import cert \"" + path + "\": " + (data ? "not a certificate" : error));

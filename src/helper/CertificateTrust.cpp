@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "helper/HelperFiles.h"
+#include "sys/Files.h"
 #include "helper/ShellCommand.h"
 #include "sys/SystemPaths.h"
 
@@ -130,7 +131,7 @@ AddResult addTrustedCertificate(const std::string& pem, const std::string& name,
                                 std::filesystem::path& placed, std::string& error) {
     placed = trustedCertificatePath(name);
     std::string ignored;
-    if (const auto present = readWholeFile(placed, ignored); present && *present == pem) {
+    if (const auto present = sys::readWholeFile(placed, &ignored); present && *present == pem) {
         error = "The certificate is already installed at " + placed.string();
         return AddResult::alreadyThere;
     }
@@ -140,7 +141,7 @@ AddResult addTrustedCertificate(const std::string& pem, const std::string& name,
         error = "cannot create " + placed.parent_path().string() + ": " + made.message();
         return AddResult::failed;
     }
-    return writeFileAtomically(placed, pem, 0644, error) ? AddResult::added : AddResult::failed;
+    return sys::writeFileAtomically(placed, pem, 0644, error) ? AddResult::added : AddResult::failed;
 }
 
 }  // namespace morvane::helper

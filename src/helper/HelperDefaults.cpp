@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "helper/HelperFiles.h"
+#include "sys/Files.h"
 #include "helper/TarnLogHelper.h"
 
 namespace morvane {
@@ -23,7 +24,7 @@ HelperDefaults::HelperDefaults(std::filesystem::path path) : path_(std::move(pat
 
 nlohmann::json HelperDefaults::load() const {
     std::string error;
-    const auto text = helper::readWholeFile(path_, error);
+    const auto text = sys::readWholeFile(path_, &error);
     if (!text) {
         return nlohmann::json::object();
     }
@@ -38,7 +39,7 @@ nlohmann::json HelperDefaults::load() const {
 
 bool HelperDefaults::store(const nlohmann::json& all) {
     std::string error;
-    if (!helper::writeFileAtomically(path_, all.dump(2) + "\n", 0600, error)) {
+    if (!sys::writeFileAtomically(path_, all.dump(2) + "\n", 0600, error)) {
         TarnLogHelper::sharedInstance()->log("Unable to store defaults: " + error);
         return false;
     }

@@ -5,6 +5,7 @@
 
 #include "helper/AuthorizationToken.h"
 #include "helper/HelperFiles.h"
+#include "sys/Files.h"
 #include "helper/TarnLogHelper.h"
 
 namespace morvane {
@@ -19,7 +20,7 @@ std::mutex& rightsMutex() {
 std::optional<nlohmann::json> load(const std::filesystem::path& path, bool& damaged) {
     damaged = false;
     std::string error;
-    const auto text = helper::readWholeFile(path, error);
+    const auto text = sys::readWholeFile(path, &error);
     if (!text) {
         return nlohmann::json::object();
     }
@@ -60,7 +61,7 @@ int RightsDatabase::rightSet(const std::string& name, const std::string& rule,
     }
     (*all)[name] = {{"rule", rule}, {"description", description}, {"table", table}};
     std::string error;
-    if (!helper::writeFileAtomically(path_, all->dump(2) + "\n", 0644, error)) {
+    if (!sys::writeFileAtomically(path_, all->dump(2) + "\n", 0644, error)) {
         TarnLogHelper::sharedInstance()->log("Unable to define right " + name + ": " + error);
         return authorization_status::internal;
     }

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "helper/HelperFiles.h"
+#include "sys/Files.h"
 #include "helper/TarnLogHelper.h"
 
 namespace morvane {
@@ -72,7 +73,7 @@ std::filesystem::path TarnConfigHelper::configFilePath() {
 std::optional<std::string> TarnConfigHelper::configFileContent() {
     const auto path = configFilePath();
     std::string error;
-    auto content = helper::readWholeFile(path, error);
+    auto content = sys::readWholeFile(path, &error);
     if (!content) {
         log("Error reading file at " + path.string() + ": " + error);
     }
@@ -81,7 +82,7 @@ std::optional<std::string> TarnConfigHelper::configFileContent() {
 
 bool TarnConfigHelper::setConfigFileContent(const std::string& content) {
     std::string error;
-    return helper::writeFileAtomically(configFilePath(), content, 0644, error);
+    return sys::writeFileAtomically(configFilePath(), content, 0644, error);
 }
 
 bool TarnConfigHelper::updateConfigFileSection(const std::string& section, const std::string& key,

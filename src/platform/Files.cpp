@@ -3,8 +3,6 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <QSaveFile>
-#include <QString>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -82,23 +80,6 @@ std::optional<std::string> readTextFile(const fs::path& path, std::string* error
         return std::nullopt;
     }
     return content.str();
-}
-
-std::optional<std::string> writeFileAtomically(const fs::path& path, const std::string& content) {
-    QSaveFile file(QString::fromStdString(path.string()));
-    if (!file.open(QIODevice::WriteOnly)) {
-        return file.errorString().toStdString();
-    }
-    const auto size = static_cast<qint64>(content.size());
-    if (file.write(content.data(), size) != size) {
-        const auto error = file.errorString().toStdString();
-        file.cancelWriting();
-        return error;
-    }
-    if (!file.commit()) {
-        return file.errorString().toStdString();
-    }
-    return std::nullopt;
 }
 
 std::optional<std::string> changeOwner(const fs::path& path, const std::string& accountName) {

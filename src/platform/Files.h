@@ -20,10 +20,6 @@ std::filesystem::path accountHomeDirectory();
 /// Reads a whole file. On failure gives nothing and, when asked, the reason.
 std::optional<std::string> readTextFile(const std::filesystem::path& path,
                                         std::string* error = nullptr);
-/// Writes the whole file through a temporary file in the same folder and a rename, so that
-/// a reader, or a crash, never sees half a file. Gives the reason on failure, else nothing.
-std::optional<std::string> writeFileAtomically(const std::filesystem::path& path,
-                                               const std::string& content);
 /// Gives the file to the named account and its primary group; a link is changed itself, never
 /// followed. The reason on failure.
 std::optional<std::string> changeOwner(const std::filesystem::path& path,

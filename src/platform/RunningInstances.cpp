@@ -26,6 +26,21 @@ std::string executableOf(const fs::path& process) {
     return error ? std::string() : target;
 }
 
+// The relocated root a process runs under ($MORVANECLOUD_SYSROOT), empty for the real one.
+// An agent of a test's or a demo's own root is another installation: it is neither ended by,
+// nor told apart from, the agent of the machine.
+std::string sysrootOf(const fs::path& process) {
+    std::ifstream environment(process / "environ", std::ios::binary);
+    constexpr std::string_view key = "MORVANECLOUD_SYSROOT=";
+    std::string entry;
+    while (std::getline(environment, entry, '\0')) {
+        if (entry.starts_with(key)) {
+            return entry.substr(key.size());
+        }
+    }
+    return {};
+}
+
 std::vector<pid_t> scan(bool agentsOnly) {
     std::vector<pid_t> found;
     const std::string ours = executableOf("/proc/self");
@@ -33,6 +48,8 @@ std::vector<pid_t> scan(bool agentsOnly) {
         return found;
     }
     const pid_t self = ::getpid();
+    const char* ownSysroot = std::getenv("MORVANECLOUD_SYSROOT");
+    const std::string sysroot = ownSysroot != nullptr ? ownSysroot : "";
     std::error_code error;
     for (const auto& entry : fs::directory_iterator("/proc", error)) {
         const std::string name = entry.path().filename().string();
@@ -45,7 +62,7 @@ std::vector<pid_t> scan(bool agentsOnly) {
         if (::stat(entry.path().c_str(), &info) != 0 || info.st_uid != ::getuid()) {
             continue;
         }
-        if (executableOf(entry.path()) != ours) {
+        if (executableOf(entry.path()) != ours || sysrootOf(entry.path()) != sysroot) {
             continue;
         }
         if (agentsOnly) {

@@ -9,7 +9,7 @@
 #include <system_error>
 
 #include "sys/SystemPaths.h"
-#include "sysdns/Files.h"
+#include "sys/Files.h"
 
 namespace morvane::provider {
 
@@ -86,7 +86,7 @@ std::optional<ProxyConfiguration> ProxyConfigurationStore::load(std::string& pro
 bool ProxyConfigurationStore::save(const ProxyConfiguration& configuration,
                                    std::string& error) const {
     // Only root reads it: the policy is the owner's business and root's.
-    return sysdns::writeFileAtomically(file_, configuration.toStored().dump(2) + "\n", 0600, error);
+    return sys::writeFileAtomically(file_, configuration.toStored().dump(2) + "\n", 0600, error);
 }
 
 bool ProxyConfigurationStore::remove(std::string& error) const {

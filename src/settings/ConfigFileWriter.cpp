@@ -7,6 +7,7 @@
 #include "messages/JSONCoding.h"
 #include "platform/Files.h"
 #include "platform/StandardOutput.h"
+#include "sys/Files.h"
 #include "sys/SystemPaths.h"
 #include "settings/KeyValueText.h"
 #include "settings/Utils.h"
@@ -21,8 +22,11 @@ fs::path ConfigFileWriter::handOverFileURL() {
 
 bool ConfigFileWriter::saveConfigFile(const std::string& text, const fs::path& url) {
     logger->log("saving config file to " + url.string(), LogLevel::production);
-    if (auto failure = platform::writeFileAtomically(url, text)) {
-        platform::printLine("A write error occured " + *failure);
+    // The policy and the device key are the user's own: nobody else reads them, whatever
+    // umask the agent or the install command was started with.
+    std::string failure;
+    if (!sys::writeFileAtomically(url, text, 0600, failure)) {
+        platform::printLine("A write error occured " + failure);
         return false;
     }
     Utils::fixOwner(url);
@@ -58,11 +62,12 @@ void ConfigFileWriter::deleteHandOverFile() {
 void ConfigFileWriter::writeHandOverFile(const std::map<std::string, std::string>& entries) {
     deleteHandOverFile();
     const fs::path url = handOverFileURL();
-    std::error_code ignored;
-    fs::create_directories(url.parent_path(), ignored);
-    if (auto failure = platform::writeFileAtomically(url, key_value_text::format(entries))) {
+    // Root writes it and the user's agent reads it, and the agent ignores a file that others
+    // may write: the mode is set here rather than left to the umask of the shell that ran sudo.
+    std::string failure;
+    if (!sys::writeFileAtomically(url, key_value_text::format(entries), 0644, failure)) {
         platform::printLine("file could not be written to file://" + url.string() + " with " +
-                            *failure);
+                            failure);
     }
 }
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "sysdns/Files.h"
+#include "sys/Files.h"
 #include "sysdns/NetworkManagerSettings.h"
 #include "sysdns/ResolvConf.h"
 #include "sysdns/SystemBus.h"
@@ -46,7 +46,7 @@ void NetworkManagerSwitch::log(const std::string& line) const {
 }
 
 bool NetworkManagerSwitch::loadRecord(Record& record) const {
-    const auto text = readWholeFile(options_.stateDirectory / "networkmanager.json");
+    const auto text = sys::readWholeFile(options_.stateDirectory / "networkmanager.json");
     if (!text) {
         return false;
     }
@@ -77,7 +77,7 @@ bool NetworkManagerSwitch::saveRecord(const Record& record, std::string& error) 
     const nlohmann::json json{{"proxyAddress", record.proxyAddress},
                               {"originalServers", record.originalServers},
                               {"devices", devices}};
-    return writeFileAtomically(options_.stateDirectory / "networkmanager.json", json.dump(), 0600,
+    return sys::writeFileAtomically(options_.stateDirectory / "networkmanager.json", json.dump(), 0600,
                                error);
 }
 
@@ -319,7 +319,7 @@ bool NetworkManagerSwitch::stillApplied() {
     if (!applied_) {
         return true;
     }
-    const auto file = readWholeFile(options_.resolvConf);
+    const auto file = sys::readWholeFile(options_.resolvConf);
     if (!file ||
         ResolvConf::parse(*file).nameservers != std::vector<std::string>{applied_->address}) {
         return false;

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "sysdns/Files.h"
+#include "sys/Files.h"
 #include "sysdns/ResolvConf.h"
 
 namespace morvane::sysdns {
@@ -29,8 +29,8 @@ struct Record {
 };
 
 std::optional<Record> loadRecord(const std::filesystem::path& folder) {
-    const auto text = readWholeFile(folder / kRecordName);
-    const auto original = readWholeFile(folder / kOriginalName);
+    const auto text = sys::readWholeFile(folder / kRecordName);
+    const auto original = sys::readWholeFile(folder / kOriginalName);
     if (!text || !original) {
         return std::nullopt;
     }
@@ -123,8 +123,8 @@ bool ResolvConfSwitch::saveRecord(const std::string& original, bool existed,
     }
     for (const auto& folder : recordDirectories()) {
         // The original first: a record never names bytes that are not there.
-        if (!writeFileAtomically(folder / kOriginalName, original, 0600, error) ||
-            !writeFileAtomically(folder / kRecordName, json.dump(), 0600, error)) {
+        if (!sys::writeFileAtomically(folder / kOriginalName, original, 0600, error) ||
+            !sys::writeFileAtomically(folder / kRecordName, json.dump(), 0600, error)) {
             dropRecords();
             return false;
         }
@@ -155,7 +155,7 @@ bool ResolvConfSwitch::apply(const SwitchTarget& target, std::string& error) {
     }
     bool recordedNow = false;
     if (!record) {
-        const auto current = readWholeFile(options_.path);
+        const auto current = sys::readWholeFile(options_.path);
         const bool existed = current.has_value() || errno != ENOENT;
         const std::string original = current.value_or(std::string());
         if (isOurs(original, target.address)) {
@@ -179,14 +179,14 @@ bool ResolvConfSwitch::apply(const SwitchTarget& target, std::string& error) {
         }());
     }
     const std::string content = render(target.address, record->original);
-    WriteMethod method = WriteMethod::Replaced;
-    if (!replaceOrWriteInPlace(options_.path, content, 0644, method, error)) {
+    sys::WriteMethod method = sys::WriteMethod::Replaced;
+    if (!sys::replaceOrWriteInPlace(options_.path, content, 0644, method, error)) {
         if (recordedNow) {
             dropRecords();
         }
         return false;
     }
-    if (method == WriteMethod::InPlace) {
+    if (method == sys::WriteMethod::InPlace) {
         log(options_.path.string() + " cannot be replaced (a mount point?): written in place");
     }
     written_ = content;
@@ -206,7 +206,7 @@ bool ResolvConfSwitch::restore(std::string& error) {
         written_.reset();
         return true;
     }
-    const auto current = readWholeFile(options_.path);
+    const auto current = sys::readWholeFile(options_.path);
     if (current && !isOurs(*current, record->proxyAddress)) {
         log(options_.path.string() +
             " was rewritten by another program since the switch; left as it is");
@@ -235,8 +235,8 @@ bool ResolvConfSwitch::restore(std::string& error) {
             return false;
         }
     } else {
-        WriteMethod method = WriteMethod::Replaced;
-        if (!replaceOrWriteInPlace(options_.path, record->original, record->mode, method, error)) {
+        sys::WriteMethod method = sys::WriteMethod::Replaced;
+        if (!sys::replaceOrWriteInPlace(options_.path, record->original, record->mode, method, error)) {
             return false;
         }
     }
@@ -256,7 +256,7 @@ bool ResolvConfSwitch::stillApplied() {
     if (!written_) {
         return true;
     }
-    const auto current = readWholeFile(options_.path);
+    const auto current = sys::readWholeFile(options_.path);
     return current && *current == *written_;
 }
 

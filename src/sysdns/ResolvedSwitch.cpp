@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "sysdns/Files.h"
+#include "sys/Files.h"
 #include "sysdns/OwnLink.h"
 #include "sysdns/ResolvConf.h"
 #include "sysdns/ResolvedClient.h"
@@ -55,7 +55,7 @@ std::filesystem::path ResolvedSwitch::recordPath() const {
 }
 
 bool ResolvedSwitch::loadRecord(Record& record) const {
-    const auto text = readWholeFile(recordPath());
+    const auto text = sys::readWholeFile(recordPath());
     if (!text) {
         return false;
     }
@@ -88,7 +88,7 @@ bool ResolvedSwitch::saveRecord(const Record& record, std::string& error) const 
                               {"proxyAddress", record.proxyAddress},
                               {"originalServers", record.originalServers},
                               {"demoted", demoted}};
-    return writeFileAtomically(recordPath(), json.dump(), 0600, error);
+    return sys::writeFileAtomically(recordPath(), json.dump(), 0600, error);
 }
 
 bool ResolvedSwitch::connect(std::string& error) {

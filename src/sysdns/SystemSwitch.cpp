@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "sys/SystemPaths.h"
-#include "sysdns/Files.h"
+#include "sys/Files.h"
 #include "sysdns/NetworkManagerSwitch.h"
 #include "sysdns/ResolvConf.h"
 #include "sysdns/ResolvConfSwitch.h"
@@ -147,7 +147,7 @@ MachineProbes probeMachine(const SwitchEnvironment& environment) {
             std::error_code code;
             probes.resolvConfTarget = std::filesystem::read_symlink(path, code).string();
         }
-        if (const auto content = readWholeFile(path)) {
+        if (const auto content = sys::readWholeFile(path)) {
             probes.resolvConfExists = true;
             const auto parsed = ResolvConf::parse(*content);
             probes.resolvConfServers = parsed.nameservers;

@@ -37,7 +37,7 @@ TEST_F(ConfigFileWriterTest, HandOverFileInTmpIsReplacedWholeAndReadableOnlyAsWr
     EXPECT_EQ(test::readFile(file), "INSTALL_KEY=abc\nRPC_URL=https://10.0.0.1\n");
     struct stat info {};
     ASSERT_EQ(::stat(file.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0022, 0u) << "nobody else may write the hand-over file";
+    EXPECT_EQ(info.st_mode & 0777, 0644u) << "the user reads it; nobody else may write it";
 
     writer_.writeHandOverFile({{"RESET", "true"}});
     EXPECT_EQ(test::readFile(file), "RESET=true\n");
@@ -45,9 +45,28 @@ TEST_F(ConfigFileWriterTest, HandOverFileInTmpIsReplacedWholeAndReadableOnlyAsWr
     EXPECT_EQ(std::distance(fs::directory_iterator(file.parent_path()), {}), 1);
 }
 
+// An administrator's shell may run sudo with umask 000 or 002: the agent would then distrust
+// the hand-over file, and other users could read the device key.
+TEST_F(ConfigFileWriterTest, ModesDoNotFollowTheUmask) {
+    const mode_t saved = ::umask(0);
+    testing::internal::CaptureStdout();
+    writer_.writeHandOverFile({{"INSTALL_KEY", "abc"}});
+    const bool written = writer_.saveConfigFile("{}", home_.root() / "support/config.json");
+    testing::internal::GetCapturedStdout();
+    ::umask(saved);
+    ASSERT_TRUE(written);
+    struct stat info {};
+    ASSERT_EQ(::stat(ConfigFileWriter::handOverFileURL().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0644u);
+    ASSERT_EQ(::stat((home_.root() / "support/config.json").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+}
+
 // Kept apart from the read-only case, which root cannot run.
-TEST_F(ConfigFileWriterTest, AWriteIntoAMissingFolderFailsWithoutATrace) {
-    const auto target = home_.root() / "no/such/folder/config.json";
+TEST_F(ConfigFileWriterTest, AWriteWhereNoFolderCanBeMadeFailsWithoutATrace) {
+    // A missing folder is made; one whose parent is a plain file cannot be, even by root.
+    test::writeFile(home_.root() / "plain", "");
+    const auto target = home_.root() / "plain/folder/config.json";
     testing::internal::CaptureStdout();
     EXPECT_FALSE(writer_.saveConfigFile("{}", target));
     EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("A write error occured ", 0), 0u);

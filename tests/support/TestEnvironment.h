@@ -50,6 +50,10 @@ private:
 class TempHome {
 public:
     TempHome();
+    /// Ends the processes still running under this sysroot, then removes the folder.
+    ~TempHome();
+    TempHome(const TempHome&) = delete;
+    TempHome& operator=(const TempHome&) = delete;
 
     const std::filesystem::path& root() const { return dir_.path(); }
     std::filesystem::path home() const { return dir_.path() / "home"; }

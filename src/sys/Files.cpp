@@ -1,4 +1,4 @@
-#include "sysdns/Files.h"
+#include "sys/Files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include <fstream>
 #include <sstream>
 
-namespace morvane::sysdns {
+namespace morvane::sys {
 
 namespace {
 
@@ -75,14 +75,20 @@ bool writeInPlace(const std::filesystem::path& path, const std::string& content,
 
 }  // namespace
 
-std::optional<std::string> readWholeFile(const std::filesystem::path& path) {
+std::optional<std::string> readWholeFile(const std::filesystem::path& path, std::string* error) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
+        if (error) {
+            *error = describe("open", path, errno);
+        }
         return std::nullopt;
     }
     std::ostringstream bytes;
     bytes << in.rdbuf();
     if (in.bad()) {
+        if (error) {
+            *error = describe("read", path, errno);
+        }
         return std::nullopt;
     }
     return bytes.str();
@@ -133,4 +139,4 @@ bool replaceOrWriteInPlace(const std::filesystem::path& path, const std::string&
     return true;
 }
 
-}  // namespace morvane::sysdns
+}  // namespace morvane::sys

@@ -6,10 +6,12 @@
 #include <optional>
 #include <string>
 
-namespace morvane::sysdns {
+namespace morvane::sys {
 
-/// A whole file's bytes; nothing when it cannot be read (errno tells why).
-std::optional<std::string> readWholeFile(const std::filesystem::path& path);
+/// A whole file's bytes; nothing when it cannot be read (errno tells why, and `error` when
+/// given).
+std::optional<std::string> readWholeFile(const std::filesystem::path& path,
+                                         std::string* error = nullptr);
 
 /// Writes through a temporary file beside the target, fsync and rename, so a reader or a
 /// power cut sees the old bytes or the new ones. The folder is created when missing.
@@ -25,4 +27,4 @@ enum class WriteMethod { Replaced, InPlace };
 bool replaceOrWriteInPlace(const std::filesystem::path& path, const std::string& content,
                            mode_t mode, WriteMethod& method, std::string& error);
 
-}  // namespace morvane::sysdns
+}  // namespace morvane::sys
