@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "app/MenuInteraction.h"
+#include "app/UnboundControlManager.h"
 #include "core/ChangeType.h"
 #include "core/Injected.h"
 #include "core/NotificationPublisher.h"
@@ -58,14 +59,14 @@ public:
     /// The one entry of every event, from the bus or the timer. Main thread only.
     void onChange(ChangeType changeType, const std::optional<platform::Notification>& notification);
 
-    // The services this loop works with. Those of the network and VPN watches, the
-    // notifications, the local resolver, the probe and the shared defaults join them as they
-    // are built.
+    // The services this loop works with.
     Injected<Settings> settings;
     Injected<DeviceConfigManager> deviceConfigurationManager;
     Injected<TarnLogger> logger;
     Injected<NotificationPublisher> notificationPublisher;
     Injected<ConfigFileWriter> configFileWriter;
+    /// Declared and never read: no step of the loop uses a local resolver.
+    Injected<UnboundControlManager> unboundControl;
     Injected<InstallerHelper> installerHelper;
     Injected<VPNMonitor> vpnMonitor;
     Injected<NCSICheck> tarnStatusCheck;

@@ -1,6 +1,7 @@
 #include "app/DepenencyInjection.h"
 
 #include "app/ChangeObserver.h"
+#include "app/UnboundControlManager.h"
 #include "core/NotificationPublisher.h"
 #include "core/TarnLogger.h"
 #include "core/TestData.h"
@@ -40,6 +41,8 @@ std::vector<Service> DepenencyInjection::serviceTable() {
     rows.push_back(Service::global<DeviceServerAPI>());
     rows.push_back(Service::global<DeviceConfigManager>());
     rows.push_back(Service::global<ComputerNameManager>());
+    rows.push_back(Service::global<UnboundControlManager>());
+    rows.push_back(Service::global<UnboundUtils>());
     rows.push_back(Service::global<TestData>());
     rows.push_back(Service::global<InstallerHelper>());
     rows.push_back(Service::global<NetworkCheck>());

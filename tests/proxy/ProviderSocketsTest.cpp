@@ -247,8 +247,9 @@ TEST(ProviderStopTest, AStopWithAReasonOverTheLinkGivesUserStoppedAndARefresh) {
     ProviderSockets link(sys::runtimeDirectory() / kServiceName);
     link.replies["register:"] = {{"text", "Registered extension Tarn DNS Proxy"}};
 
+    auto preferences = std::make_shared<ControlSocketPreferences>();
     NetworkExtensionManager::Platform platform{
-        std::make_shared<ControlSocketPreferences>(), std::make_shared<test::RecordingActivation>(),
+        preferences, std::make_shared<test::RecordingActivation>(),
         std::make_shared<IPCConnection>(), [] {
             return ExtensionBundle::Lookup{builtBundle(), ""};
         }};
@@ -262,11 +263,20 @@ TEST(ProviderStopTest, AStopWithAReasonOverTheLinkGivesUserStoppedAndARefresh) {
     manager->networkQuestions.getDNSAddresses = [] { return std::vector<std::string>{}; };
     // The one public way into a cycle: an address change resets the proxy.
     manager->resetExtension(NetworkExtConfig{"u", "loc", {"9.9.9.9"}, *device});
-    // The registration and the state it follows come on different threads: both are awaited.
-    ASSERT_TRUE(test::runMainLoopUntil([&] {
-        return link.messages().size() == 1 &&
-               manager->extensionState.contains(ExtensionStatus::configured);
-    }));
+    // A reset is two cycles, off then on, each ending in a save; the stop must come after the
+    // second has settled. The preferences' calls are answered in order on the main queue, so
+    // once a load sent after the second save has answered, that save's answer has been handled.
+    const auto saves = [&] {
+        int count = 0;
+        for (const auto& message : control.messages()) {
+            count += message.message == "save" ? 1 : 0;
+        }
+        return count;
+    };
+    ASSERT_TRUE(test::runMainLoopUntil([&] { return saves() == 2; }));
+    bool settled = false;
+    preferences->loadFromPreferences([&](std::optional<ProxyError>) { settled = true; });
+    ASSERT_TRUE(test::runMainLoopUntil([&] { return settled && link.messages().size() == 1; }));
     saved = manager->extensionState.contains(ExtensionStatus::configured);
     EXPECT_TRUE(saved);
 
