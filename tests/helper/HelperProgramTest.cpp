@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "PolkitStandIn.h"
+#include "helper/Common.h"
 #include "helper/TarnHelper.h"
 #include "support/ChildProcess.h"
 #include "support/TestEnvironment.h"
@@ -228,6 +229,15 @@ TEST_F(HelperProgramTest, PolkitGoneMidQuestionRefusesThenTheRightsDatabaseDecid
     ASSERT_TRUE(polkit->start(error)) << error;
     EXPECT_EQ(setLogDebug(true), std::nullopt);
     EXPECT_EQ(polkit->checks().size(), 1u);
+
+    // The system bus itself gone: the rights database again, and the service still serves.
+    polkit.reset();
+    networkManager.reset();
+    bus.reset();
+    EXPECT_EQ(setLogDebug(true), -60005);
+    setRule("com.lorvex.tarnHelper.setLogDebug", "allow");
+    EXPECT_EQ(setLogDebug(false), std::nullopt);
+    EXPECT_THAT(ini(), HasSubstr("LogDebug=false\n"));
 }
 
 TEST_F(HelperProgramTest, AnActionPolkitDoesNotKnowIsLeftToTheRightsDatabase) {
@@ -258,6 +268,35 @@ TEST_F(HelperProgramTest, DnsPerServiceGoesToNetworkManagerAndComesBack) {
     EXPECT_TRUE(networkManager->profile(kWireless).dns.empty());
     EXPECT_EQ(networkManager->appliedServers(kWireless), Strings{"192.0.2.9"});
     EXPECT_THAT(helperLog(), HasSubstr("======== Revert DNS ======="));
+}
+
+// The package installs the rights as polkit actions; a right without its action would make
+// polkitd answer "not registered" and leave every decision to the rights database.
+TEST(HelperPolkitPolicy, EveryRightIsAnActionOfThePolicyFileWithItsDescriptionAndDefault) {
+    const std::string policy =
+        test::readFile(test::sourceDir() / "data/polkit/com.lorvex.tarnHelper.policy");
+    ASSERT_FALSE(policy.empty());
+    std::size_t rights = 0;
+    Common::enumerateRightsUsingBlock([&](const std::string& command,
+                                          const Common::RightInfo& info) {
+        ++rights;
+        const auto start = policy.find("<action id=\"" + info.authRightName + "\">");
+        ASSERT_NE(start, std::string::npos) << command;
+        const std::string action = policy.substr(start, policy.find("</action>", start) - start);
+        EXPECT_THAT(action,
+                    HasSubstr("<description>" + info.authRightDescription + "</description>"));
+        ASSERT_EQ(info.authRightDefault, "allow");
+        for (const char* kind : {"allow_any", "allow_inactive", "allow_active"}) {
+            EXPECT_THAT(action, HasSubstr(std::string("<") + kind + ">yes</")) << command;
+        }
+    });
+    EXPECT_EQ(rights, 10u);
+    std::size_t actions = 0;
+    for (auto at = policy.find("<action id="); at != std::string::npos;
+         at = policy.find("<action id=", at + 1)) {
+        ++actions;
+    }
+    EXPECT_EQ(actions, rights) << "an action no right asks for";
 }
 
 }  // namespace
