@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "TwoConnections.h"
 #include "helper/DNSModifyHelper.h"
 #include "helper/HelperDefaults.h"
 #include "support/TestEnvironment.h"
@@ -16,11 +17,10 @@
 namespace morvane {
 namespace {
 
-using sysdns::test::NetworkManagerStandIn;
 using Strings = std::vector<std::string>;
+using test::kWired;
+using test::kWireless;
 
-const char* const kWired = "6b3f0f4e-2f0a-4c4e-9d57-0c6f4d2b8a11";
-const char* const kWireless = "a7d2c1e0-5b8f-4a57-8e0d-3f1c9b6e2d44";
 const char* const kUnknown = "00000000-0000-0000-0000-000000000000";
 
 /// What a test compares: the DNS part of a stored profile and what its device runs with.
@@ -44,26 +44,13 @@ void PrintTo(const Seen& seen, std::ostream* out) {
          << list(seen.searches) << " applied " << list(seen.applied);
 }
 
-class DNSModifyHelperNetworkManagerTest : public ::testing::Test {
+class DNSModifyHelperNetworkManagerTest : public test::TwoConnectionsTest {
 protected:
     void SetUp() override {
-        bus = std::make_unique<sysdns::test::PrivateSystemBus>(home.root() / "bus");
-        std::string error;
-        if (!bus->start(error)) {
-            GTEST_SKIP() << "no private system bus here: " << error;
+        TwoConnectionsTest::SetUp();
+        if (!ready()) {
+            return;
         }
-        networkManager = std::make_unique<NetworkManagerStandIn>(home.root() / "resolv.conf");
-        // Manual servers over DHCP's, with a search domain of its own.
-        networkManager->addConnection({kWired,
-                                       "Wired connection 1",
-                                       "eth0",
-                                       {"192.0.2.1"},
-                                       {"192.0.2.53"},
-                                       true,
-                                       {"corp.example", "lan"}});
-        // DHCP only.
-        networkManager->addConnection({kWireless, "Home", "wlan0", {"192.0.2.9"}, {}, false, {}});
-        ASSERT_TRUE(networkManager->start(error)) << error;
         wiredBefore = seen(kWired);
         wirelessBefore = seen(kWireless);
     }
@@ -83,9 +70,6 @@ protected:
         return HelperDefaults().objectForKey(DNSModifyHelper::backupKey(uuid));
     }
 
-    test::TempHome home;
-    std::unique_ptr<sysdns::test::PrivateSystemBus> bus;
-    std::unique_ptr<NetworkManagerStandIn> networkManager;
     Seen wiredBefore;
     Seen wirelessBefore;
 };

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "PolkitStandIn.h"
+#include "TwoConnections.h"
 #include "helper/Common.h"
 #include "helper/TarnHelper.h"
 #include "support/ChildProcess.h"
@@ -29,10 +30,10 @@ namespace th = tarn_helper;
 using test::PolkitStandIn;
 using ::testing::HasSubstr;
 using Strings = std::vector<std::string>;
+using test::kWired;
+using test::kWireless;
 
 constexpr auto kWait = std::chrono::seconds(40);  // above the helper's own wait for polkit
-const char* const kWired = "6b3f0f4e-2f0a-4c4e-9d57-0c6f4d2b8a11";
-const char* const kWireless = "a7d2c1e0-5b8f-4a57-8e0d-3f1c9b6e2d44";
 
 /// This process's start time in clock ticks since boot: field 22 of /proc/self/stat, counted
 /// after the command name's closing parenthesis.
@@ -58,27 +59,16 @@ std::optional<long long> errorCode(const nlohmann::json& reply) {
     return reply["error"].value("code", 0LL);
 }
 
-class HelperProgramTest : public ::testing::Test {
+class HelperProgramTest : public test::TwoConnectionsTest {
 protected:
     void SetUp() override {
-        bus = std::make_unique<sysdns::test::PrivateSystemBus>(home.root() / "bus");
-        std::string error;
-        if (!bus->start(error)) {
-            GTEST_SKIP() << "no private system bus here: " << error;
+        TwoConnectionsTest::SetUp();
+        if (!ready()) {
+            return;
         }
         polkit = std::make_unique<PolkitStandIn>();
+        std::string error;
         ASSERT_TRUE(polkit->start(error)) << error;
-        networkManager =
-            std::make_unique<sysdns::test::NetworkManagerStandIn>(home.root() / "resolv.conf");
-        networkManager->addConnection({kWired,
-                                       "Wired connection 1",
-                                       "eth0",
-                                       {"192.0.2.1"},
-                                       {"192.0.2.53"},
-                                       true,
-                                       {"corp.example"}});
-        networkManager->addConnection({kWireless, "Home", "wlan0", {"192.0.2.9"}, {}, false, {}});
-        ASSERT_TRUE(networkManager->start(error)) << error;
         startHelper();
         client = std::make_unique<sys::MessageClient>(TarnHelper::defaultSocketPath());
         token = call(th::authorizationCreate, nlohmann::json::object()).value("authorization", "");
@@ -138,10 +128,7 @@ protected:
         test::writeFile(support() / "rights.json", rights.dump());
     }
 
-    test::TempHome home;
-    std::unique_ptr<sysdns::test::PrivateSystemBus> bus;
     std::unique_ptr<PolkitStandIn> polkit;
-    std::unique_ptr<sysdns::test::NetworkManagerStandIn> networkManager;
     pid_t helperPid = -1;
     std::unique_ptr<sys::MessageClient> client;
     std::string token;
@@ -254,7 +241,7 @@ TEST_F(HelperProgramTest, DnsPerServiceGoesToNetworkManagerAndComesBack) {
     EXPECT_EQ(setWiredResolvers("127.0.0.153"), std::nullopt);
     EXPECT_EQ(setWiredResolvers("198.51.100.7"), std::nullopt);
     EXPECT_EQ(networkManager->profile(kWired).dns, Strings{"198.51.100.7"});
-    EXPECT_EQ(networkManager->profile(kWired).searches, Strings{"corp.example"});
+    EXPECT_EQ(networkManager->profile(kWired).searches, (Strings{"corp.example", "lan"}));
     EXPECT_EQ(networkManager->appliedServers(kWired), Strings{"198.51.100.7"});
 
     EXPECT_EQ(errorCode(authorized(th::rollbackDNSForServices, {{"services", {kWired}}})),
@@ -262,7 +249,7 @@ TEST_F(HelperProgramTest, DnsPerServiceGoesToNetworkManagerAndComesBack) {
     const auto wired = networkManager->profile(kWired);
     EXPECT_EQ(wired.dns, Strings{"192.0.2.53"});
     EXPECT_TRUE(wired.ignoreAutoDns);
-    EXPECT_EQ(wired.searches, Strings{"corp.example"});
+    EXPECT_EQ(wired.searches, (Strings{"corp.example", "lan"}));
     EXPECT_EQ(networkManager->appliedServers(kWired), Strings{"192.0.2.53"});
     // The other connection was never touched.
     EXPECT_TRUE(networkManager->profile(kWireless).dns.empty());

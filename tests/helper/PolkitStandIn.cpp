@@ -2,6 +2,8 @@
 
 #include <systemd/sd-bus.h>
 
+#include "sysdns/PrivateWorld.h"
+
 namespace morvane::test {
 
 namespace {
@@ -141,15 +143,7 @@ bool PolkitStandIn::start(std::string& error) {
 }
 
 void PolkitStandIn::serve() {
-    while (!stopping_ && !vanishing_) {
-        const int r = sd_bus_process(bus_, nullptr);
-        if (r < 0) {
-            break;
-        }
-        if (r == 0) {
-            sd_bus_wait(bus_, 50000);
-        }
-    }
+    sysdns::test::serveBus(bus_, [this] { return stopping_ || vanishing_; });
     if (vanishing_) {
         sd_bus_close_unref(bus_);
         bus_ = nullptr;
@@ -158,14 +152,7 @@ void PolkitStandIn::serve() {
 }
 
 void PolkitStandIn::stop() {
-    if (thread_.joinable()) {
-        stopping_ = true;
-        thread_.join();
-    }
-    if (bus_ != nullptr) {
-        sd_bus_flush_close_unref(bus_);
-        bus_ = nullptr;
-    }
+    sysdns::test::endServing(thread_, stopping_, bus_);
     gone_ = true;
 }
 
