@@ -15,6 +15,7 @@ namespace authorization_status {
 inline constexpr int success = 0;
 inline constexpr int invalidRef = -60002;
 inline constexpr int denied = -60005;
+inline constexpr int canceled = -60006;
 inline constexpr int interactionNotAllowed = -60007;
 inline constexpr int internal = -60008;
 }  // namespace authorization_status

@@ -30,6 +30,18 @@ bool meansNoPolkit(const sd_bus_error& error) {
            error.message != nullptr && std::strstr(error.message, "is not registered") != nullptr;
 }
 
+/// Whether the details of polkit's answer say that the user dismissed the dialog.
+int readDismissed(sd_bus_message* reply, bool& dismissed) {
+    int r = sd_bus_message_enter_container(reply, 'a', "{ss}");
+    const char* key = nullptr;
+    const char* value = nullptr;
+    while (r >= 0 && (r = sd_bus_message_read(reply, "{ss}", &key, &value)) > 0) {
+        // polkitd sets it to a non-empty text when the dialog was dismissed.
+        dismissed = dismissed || (std::strcmp(key, "polkit.dismissed") == 0 && *value != '\0');
+    }
+    return r < 0 ? r : sd_bus_message_exit_container(reply);
+}
+
 }  // namespace
 
 std::optional<unsigned long long> PolkitAuthority::processStartTime(pid_t pid) {
@@ -100,9 +112,13 @@ std::optional<int> PolkitAuthority::checkAuthorization(const std::string& action
     } else {
         int authorized = 0;
         int challenge = 0;
+        bool dismissed = false;
         r = sd_bus_message_enter_container(reply, 'r', "bba{ss}");
         if (r >= 0) {
             r = sd_bus_message_read(reply, "bb", &authorized, &challenge);
+        }
+        if (r >= 0) {
+            r = readDismissed(reply, dismissed);
         }
         if (r < 0) {
             detail = "polkit's answer could not be read";
@@ -110,6 +126,10 @@ std::optional<int> PolkitAuthority::checkAuthorization(const std::string& action
         } else if (authorized != 0) {
             detail = "polkit granted " + action;
             status = authorization_status::success;
+        } else if (dismissed) {
+            // The user closed the authentication dialog: a cancellation, not a refusal.
+            detail = "the authentication for " + action + " was dismissed";
+            status = authorization_status::canceled;
         } else if (challenge != 0) {
             detail = "polkit wants authentication for " + action + " and nobody can be asked";
             status = authorization_status::interactionNotAllowed;

@@ -14,7 +14,7 @@ namespace morvane::tarn_helper {
 /// and is answered exactly once with `{}` on success or `{"error": {"domain":
 /// "NSOSStatusErrorDomain", "code": <status>, "description": <text>}}`: code -50 for a wrong
 /// argument or a failed operation, or the status of an authorization that could not be read
-/// (-60002) or was refused (-60005, -60007, -60008). The detail is in the helper log, never in the
+/// (-60002) or was refused (-60005, -60006, -60007, -60008). The detail is in the helper log, never in the
 /// reply. A selector that is not below closes the connection.
 ///
 /// The authorization travels as `"authorization": "<64 hex digits>"`, the 32 bytes of a token

@@ -125,4 +125,9 @@ int startChild(const std::string& role, const std::map<std::string, std::string>
     return spawn({selfPath()}, withRole(role, environment), nullptr);
 }
 
+int startProgram(const std::vector<std::string>& argv,
+                 const std::map<std::string, std::string>& environment) {
+    return spawn(argv, environment, nullptr);
+}
+
 }  // namespace morvane::test

@@ -26,6 +26,9 @@ int runProgram(const std::vector<std::string>& argv,
 /// Starts the role without waiting: the caller reaps the process id with waitpid. Gives -1
 /// when it could not start.
 int startChild(const std::string& role, const std::map<std::string, std::string>& environment);
+/// Starts a program without waiting, its output going where ours goes; -1 when it could not.
+int startProgram(const std::vector<std::string>& argv,
+                 const std::map<std::string, std::string>& environment);
 
 }  // namespace morvane::test
 

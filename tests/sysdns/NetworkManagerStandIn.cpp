@@ -7,6 +7,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "sysdns/PrivateWorld.h"
+
 namespace morvane::sysdns::test {
 
 struct NetworkManagerStandIn::Entry {
@@ -411,26 +413,11 @@ bool NetworkManagerStandIn::start(std::string& error) {
 }
 
 void NetworkManagerStandIn::serve() {
-    while (!stopping_) {
-        const int r = sd_bus_process(bus_, nullptr);
-        if (r < 0) {
-            break;
-        }
-        if (r == 0) {
-            sd_bus_wait(bus_, 50000);
-        }
-    }
+    serveBus(bus_, [this] { return stopping_.load(); });
 }
 
 void NetworkManagerStandIn::stop() {
-    if (thread_.joinable()) {
-        stopping_ = true;
-        thread_.join();
-    }
-    if (bus_ != nullptr) {
-        sd_bus_flush_close_unref(bus_);
-        bus_ = nullptr;
-    }
+    endServing(thread_, stopping_, bus_);
 }
 
 void NetworkManagerStandIn::reconnect() {

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -174,6 +175,29 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds limi
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return condition();
+}
+
+void serveBus(sd_bus* bus, const std::function<bool()>& done) {
+    while (!done()) {
+        const int r = sd_bus_process(bus, nullptr);
+        if (r < 0) {
+            break;
+        }
+        if (r == 0) {
+            sd_bus_wait(bus, 50000);
+        }
+    }
+}
+
+void endServing(std::thread& thread, std::atomic<bool>& stopping, sd_bus*& bus) {
+    if (thread.joinable()) {
+        stopping = true;
+        thread.join();
+    }
+    if (bus != nullptr) {
+        sd_bus_flush_close_unref(bus);
+        bus = nullptr;
+    }
 }
 
 int holdSwitch(DnsSwitch& dnsSwitch) {

@@ -2,11 +2,15 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iostream>
 #include <string>
+#include <thread>
+
+struct sd_bus;
 
 namespace morvane::sysdns {
 class DnsSwitch;
@@ -72,6 +76,12 @@ std::string killedHolderCycles(const std::string& holderRole, const std::string&
 /// For the test body: runs the world's child role and reports it passed, failed with its
 /// output, or skipped with the reason it gave.
 void expectWorldPasses(const std::string& role);
+
+/// For the stand-ins of daemons on the private bus: answers the calls that come on `bus` until
+/// `done` says so or the connection fails.
+void serveBus(sd_bus* bus, const std::function<bool()>& done);
+/// Ends a stand-in's serving thread and leaves the bus; its names go with it.
+void endServing(std::thread& thread, std::atomic<bool>& stopping, sd_bus*& bus);
 
 /// Waits for the condition, checking every few milliseconds, up to a generous limit.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds limit);
