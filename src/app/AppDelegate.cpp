@@ -233,6 +233,11 @@ AppDelegate::TerminateReply AppDelegate::applicationShouldTerminate(
             platform::writeSystemLog("Removed extension from preferences");
         }
     });
+    // The user's quit on Linux (SIGINT, `--quit`) comes without the menu's own quit before it,
+    // which would have made the manager refuse new cycles. A pass still queued, or the refresh
+    // the provider's stop report would publish, must not switch the proxy back on between the
+    // removal just sent and the end of the process: so the manager refuses from here on.
+    manager->isTerminating = true;
     manager->deactivateExtension(
         [this, replyToTerminate = std::move(replyToTerminate)](std::optional<ProxyError>) {
             MainQueue::async([this, replyToTerminate] {
