@@ -85,7 +85,6 @@ std::vector<Server> serversOf(const ResolverState& state) {
 // it reading past its table. So the given resolver goes first and the system's servers move
 // down behind it, the last one falling off when the table is full.
 void putFirst(ResolverState& state, const in_addr& resolver) {
-    std::vector<Server> servers = serversOf(state);
     Server first;
     sockaddr_in given{};
     given.sin_family = AF_INET;
@@ -93,7 +92,12 @@ void putFirst(ResolverState& state, const in_addr& resolver) {
     given.sin_addr = resolver;
     std::memcpy(&first.address, &given, sizeof given);
     first.length = sizeof given;
-    servers.insert(servers.begin(), first);
+    // Built front to back rather than by an insert at the front, which GCC 12's optimiser
+    // wrongly reports as a null dereference.
+    std::vector<Server> servers{first};
+    for (const Server& server : serversOf(state)) {
+        servers.push_back(server);
+    }
     if (servers.size() > MAXNS) {
         servers.resize(MAXNS);
     }
