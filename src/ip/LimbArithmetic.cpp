@@ -4,9 +4,8 @@ namespace morvane::ip::limbs {
 
 void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const AliasedLimb* d,
             int nd, AliasedLimb* work, AliasedLimb* dn) {
-    // Normalise so that the divisor's top limb has its high bit set: then each estimated
-    // quotient limb is at most two above the true one, and the test below makes it exact
-    // but for a rare single correction.
+    // Normalise so that the divisor's top limb has its high bit set, as the reciprocal and
+    // the three-by-two division below need.
     const int shift = std::countl_zero(static_cast<Limb>(d[nd - 1]));
     AliasedLimb* u = work;
     if (shift != 0) {
@@ -17,38 +16,40 @@ void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const 
         std::memcpy(u, a, sizeof(Limb) * static_cast<size_t>(na));
         u[na] = 0;
     }
-    const Limb top = dn[nd - 1];
-    const Limb next = dn[nd - 2];
-    const Limb inverse = reciprocal(top);
+    const Limb d1 = dn[nd - 1];
+    const Limb d0 = dn[nd - 2];
+    const Limb inverse = reciprocal3by2(d1, d0);
 
+    // Each step takes the next quotient limb from the top three limbs of the running
+    // remainder and the top two of the divisor, which is exact but for a rare single
+    // correction, and subtracts it times the divisor's lower limbs from the rest.
     for (int j = na - nd; j >= 0; --j) {
-        const Limb uHigh = u[j + nd];
-        const Limb uMid = u[j + nd - 1];
+        const Limb u2 = u[j + nd];
+        const Limb u1 = u[j + nd - 1];
         Limb qhat;
-        Limb rhat;
-        bool rhatFits = true;
-        if (uHigh >= top) {
-            // The two-limb quotient would not fit a limb; start from the largest limb.
+        if (u2 == d1 && u1 == d0) [[unlikely]] {
+            // The remainder's top equals the divisor's, and the remainder is below the
+            // divisor times B: the limb can only be the largest one.
             qhat = ~Limb{0};
-            rhat = uMid + top;
-            rhatFits = rhat >= uMid;
+            u[j + nd] = u2 - subMul1(u + j, dn, nd, qhat);
         } else {
-            qhat = divideWithReciprocal(uHigh, uMid, top, inverse, &rhat);
-        }
-        while (rhatFits &&
-               static_cast<Wide>(qhat) * next > ((static_cast<Wide>(rhat) << 64) | u[j + nd - 2])) {
-            --qhat;
-            Limb before = rhat;
-            rhat += top;
-            rhatFits = rhat >= before;
-        }
-        const Limb borrow = subMul1(u + j, dn, nd, qhat);
-        const Limb high = u[j + nd];
-        u[j + nd] = high - borrow;
-        if (high < borrow) {
-            // Estimated one too many: add the divisor back once.
-            --qhat;
-            u[j + nd] += addN(u + j, u + j, dn, nd);
+            Limb r1;
+            Limb r0;
+            qhat = divide3by2(u2, u1, u[j + nd - 2], d1, d0, inverse, &r1, &r0);
+            const Limb borrow = subMul1(u + j, dn, nd - 2, qhat);
+            const Limb borrowHigh = r0 < borrow;
+            r0 -= borrow;
+            const bool negative = r1 < borrowHigh;
+            r1 -= borrowHigh;
+            u[j + nd - 2] = r0;
+            u[j + nd - 1] = r1;
+            u[j + nd] = 0;
+            if (negative) [[unlikely]] {
+                // One too many: add the divisor back once; the carry out of the top is the
+                // borrow it cancels.
+                --qhat;
+                addN(u + j, u + j, dn, nd);
+            }
         }
         q[j] = qhat;
     }
