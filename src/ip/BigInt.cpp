@@ -378,7 +378,10 @@ void BigInt::multiByteDivide(const uint64_t* a, int na, const uint64_t* divisor,
     AliasedLimb* r = reinterpret_cast<AliasedLimb*>(remainder);
     if (nd == 1) {
         // Two words that fit one limb: the one-limb division does it.
-        r[0] = limbs::divRem1(q, u, na, d[0]);
+        const Limb rest = limbs::divRem1(q, u, na, d[0]);
+        if (r != nullptr) {
+            r[0] = rest;
+        }
         return;
     }
     Limb work[kLimbs + 1];
@@ -415,8 +418,10 @@ void BigInt::divideWithSigns(const BigInt& dividend, const BigInt& divisor, BigI
         nq = na;
         nr = 1;
     } else {
+        // A quotient alone needs no remainder worked out.
         multiByteDivide(reinterpret_cast<const uint64_t*>(a), na,
-                        reinterpret_cast<const uint64_t*>(b), nb, q, r);
+                        reinterpret_cast<const uint64_t*>(b), nb, q,
+                        remainder != nullptr ? r : nullptr);
         nq = na - nb + 1;
         nr = nb;
     }

@@ -142,7 +142,8 @@ private:
                                 const char* overflowReason);
 
     /// Division of magnitudes: quotient and remainder limbs of `a` (`na` limbs, at least the
-    /// divisor) by a divisor of one 32-bit word, or of two words or more.
+    /// divisor) by a divisor of one 32-bit word, or of two words or more; `multiByteDivide`
+    /// takes a null remainder when only the quotient is wanted.
     static void singleByteDivide(const uint64_t* a, int na, uint32_t divisor, uint64_t* quotient,
                                  uint64_t* remainder);
     static void multiByteDivide(const uint64_t* a, int na, const uint64_t* divisor, int nd,

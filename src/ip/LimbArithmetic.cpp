@@ -23,38 +23,46 @@ void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const 
     // Each step takes the next quotient limb from the top three limbs of the running
     // remainder and the top two of the divisor, which is exact but for a rare single
     // correction, and subtracts it times the divisor's lower limbs from the rest.
+    // The remainder's top limb stays in a register from step to step; what the steps leave
+    // in memory below it is the rest of the remainder.
+    Limb n1 = u[na];
     for (int j = na - nd; j >= 0; --j) {
-        const Limb u2 = u[j + nd];
-        const Limb u1 = u[j + nd - 1];
+        AliasedLimb* top = u + j + nd;
+        const Limb n0 = top[-1];
         Limb qhat;
-        if (u2 == d1 && u1 == d0) [[unlikely]] {
+        if (n1 == d1 && n0 == d0) [[unlikely]] {
             // The remainder's top equals the divisor's, and the remainder is below the
-            // divisor times B: the limb can only be the largest one.
+            // divisor times B: the limb can only be the largest one, and the subtraction
+            // clears the top limb.
             qhat = ~Limb{0};
-            u[j + nd] = u2 - subMul1(u + j, dn, nd, qhat);
+            subMul1(u + j, dn, nd, qhat);
+            n1 = top[-1];
         } else {
             Limb r1;
             Limb r0;
-            qhat = divide3by2(u2, u1, u[j + nd - 2], d1, d0, inverse, &r1, &r0);
+            qhat = divide3by2(n1, n0, top[-2], d1, d0, inverse, &r1, &r0);
             const Limb borrow = subMul1(u + j, dn, nd - 2, qhat);
             const Limb borrowHigh = r0 < borrow;
             r0 -= borrow;
             const bool negative = r1 < borrowHigh;
             r1 -= borrowHigh;
-            u[j + nd - 2] = r0;
-            u[j + nd - 1] = r1;
-            u[j + nd] = 0;
+            top[-2] = r0;
             if (negative) [[unlikely]] {
                 // One too many: add the divisor back once; the carry out of the top is the
                 // borrow it cancels.
                 --qhat;
-                addN(u + j, u + j, dn, nd);
+                r1 += d1 + addN(u + j, u + j, dn, nd - 1);
             }
+            n1 = r1;
         }
         q[j] = qhat;
     }
+    u[nd - 1] = n1;
 
     // What is left below the divisor's length is the remainder, still normalised.
+    if (r == nullptr) {
+        return;
+    }
     if (shift != 0) {
         shiftRightBits(r, u, nd, shift);
     } else {

@@ -315,7 +315,8 @@ inline void shiftRightBits(AliasedLimb* r, const AliasedLimb* a, int n, int bits
 }
 
 /// Schoolbook long division: q[0, na - nd + 1) = a / d and r[0, nd) = a % d, for na >= nd >= 2
-/// and d[nd - 1] != 0. `work` holds na + 1 limbs and `dn` nd limbs of scratch.
+/// and d[nd - 1] != 0; r may be null when only the quotient is wanted. `work` holds na + 1 limbs
+/// and `dn` nd limbs of scratch.
 void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const AliasedLimb* d,
             int nd, AliasedLimb* work, AliasedLimb* dn);
 
