@@ -26,7 +26,16 @@ void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const 
     // The remainder's top limb stays in a register from step to step; what the steps leave
     // in memory below it is the rest of the remainder.
     Limb n1 = u[na];
-    for (int j = na - nd; j >= 0; --j) {
+    int first = na - nd;
+    if (n1 == 0 && u[na - 1] < d1) {
+        // The dividend's top limbs are below the divisor: the first limb is 0 and leaves the
+        // remainder as it is. Half of all dividends start so; skipping the step saves a whole
+        // multiplication by the divisor.
+        q[first] = 0;
+        n1 = u[na - 1];
+        --first;
+    }
+    for (int j = first; j >= 0; --j) {
         AliasedLimb* top = u + j + nd;
         const Limb n0 = top[-1];
         Limb qhat;
@@ -41,6 +50,13 @@ void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const 
             Limb r1;
             Limb r0;
             qhat = divide3by2(n1, n0, top[-2], d1, d0, inverse, &r1, &r0);
+            if (j == 0 && r == nullptr && r1 != 0) {
+                // Only the quotient is wanted, and it is right: what the divisor's lower limbs
+                // take off is below B^(nd - 1), which a remainder whose top limb is not zero
+                // covers.
+                q[0] = qhat;
+                return;
+            }
             const Limb borrow = subMul1(u + j, dn, nd - 2, qhat);
             const Limb borrowHigh = r0 < borrow;
             r0 -= borrow;

@@ -317,6 +317,17 @@ TEST(BigIntTest, DivisionAgreesWithGmp) {
     for (const mpz_class& d : divisors) {
         cases.emplace_back(mostNegative, d);
     }
+    // Exact multiples and their neighbours: the last step leaves a remainder whose top limbs
+    // are zero, where a quotient alone must still be checked against the lower limbs.
+    for (int i = 0; i < 40; ++i) {
+        const mpz_class d = gen.structured(2 + gen.below(900));
+        const mpz_class k = gen.structured(1 + gen.below(1000));
+        if (mpz_sizeinbase(mpz_class(d * k).get_mpz_t(), 2) < 2238) {
+            cases.emplace_back(d * k, d);
+            cases.emplace_back(d * k - 1, d);
+            cases.emplace_back(d * k + 1, d);
+        }
+    }
     // Dividends shorter than the divisor, and just one below and at it.
     const mpz_class wide = gen.structured(640);
     cases.emplace_back(wide - 1, wide);
