@@ -178,8 +178,8 @@ bool BaseDestination::ownedBySharedPointer() {
 void BaseDestination::sendQueuedLines() {
     // Records kept for reuse are capped, in number and in the room of a text, so that one
     // burst of many or long lines does not hold its memory for the life of the destination.
-    constexpr std::size_t kKeptRecords = 4096;
-    constexpr std::size_t kKeptTextRoom = 16 * 1024;
+    constexpr std::size_t kKeptRecords = 1024;
+    constexpr std::size_t kKeptTextRoom = 4096;
     for (;;) {
         std::size_t count = 0;
         {
