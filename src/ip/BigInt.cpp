@@ -278,9 +278,15 @@ BigInt BigInt::subtract(const BigInt& other) const {
 
 BigInt BigInt::fromMagnitude(const uint64_t* source, int count, bool negative,
                              const char* overflowReason) {
+    BigInt r(Uninitialized::tag);
+    assignMagnitude(r, source, count, negative, overflowReason);
+    return r;
+}
+
+void BigInt::assignMagnitude(BigInt& r, const uint64_t* source, int count, bool negative,
+                             const char* overflowReason) {
     const AliasedLimb* limbs = reinterpret_cast<const AliasedLimb*>(source);
     count = limbs::normalizedSize(limbs, count);
-    BigInt r(Uninitialized::tag);
     AliasedLimb* out = limbsOf(r.data_);
     for (int i = 0; i < count; ++i) {
         out[i] = limbs[i];
@@ -297,7 +303,7 @@ BigInt BigInt::fromMagnitude(const uint64_t* source, int count, bool negative,
         if (!mostNegative) {
             throw NamedException(kArithmetic, overflowReason);
         }
-        return r;
+        return;
     }
     if (negative && !r.isZero()) {
         Limb carry = 1;
@@ -308,7 +314,6 @@ BigInt BigInt::fromMagnitude(const uint64_t* source, int count, bool negative,
         r.dataLength_ = kWords;
         r.trim();
     }
-    return r;
 }
 
 BigInt BigInt::multiply(const BigInt& other) const {
@@ -373,7 +378,10 @@ void BigInt::multiByteDivide(const uint64_t* a, int na, const uint64_t* divisor,
     AliasedLimb* r = reinterpret_cast<AliasedLimb*>(remainder);
     if (nd == 1) {
         // Two words that fit one limb: the one-limb division does it.
-        r[0] = limbs::divRem1(q, u, na, d[0]);
+        const Limb rest = limbs::divRem1(q, u, na, d[0]);
+        if (r != nullptr) {
+            r[0] = rest;
+        }
         return;
     }
     Limb work[kLimbs + 1];
@@ -410,27 +418,29 @@ void BigInt::divideWithSigns(const BigInt& dividend, const BigInt& divisor, BigI
         nq = na;
         nr = 1;
     } else {
+        // A quotient alone needs no remainder worked out.
         multiByteDivide(reinterpret_cast<const uint64_t*>(a), na,
-                        reinterpret_cast<const uint64_t*>(b), nb, q, r);
+                        reinterpret_cast<const uint64_t*>(b), nb, q,
+                        remainder != nullptr ? r : nullptr);
         nq = na - nb + 1;
         nr = nb;
     }
     if (quotient != nullptr) {
-        *quotient = fromMagnitude(q, nq, dividendNegative != divisorNegative, "Overflow");
+        assignMagnitude(*quotient, q, nq, dividendNegative != divisorNegative, "Overflow");
     }
     if (remainder != nullptr) {
-        *remainder = fromMagnitude(r, nr, dividendNegative, "Overflow");
+        assignMagnitude(*remainder, r, nr, dividendNegative, "Overflow");
     }
 }
 
 BigInt BigInt::divide(const BigInt& other) const {
-    BigInt q;
+    BigInt q(Uninitialized::tag);
     divideWithSigns(*this, other, &q, nullptr);
     return q;
 }
 
 BigInt BigInt::mod(const BigInt& other) const {
-    BigInt r;
+    BigInt r(Uninitialized::tag);
     divideWithSigns(*this, other, nullptr, &r);
     return r;
 }

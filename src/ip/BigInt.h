@@ -137,14 +137,19 @@ private:
     /// raises `overflowReason` when it does not fit.
     static BigInt fromMagnitude(const uint64_t* limbs, int count, bool negative,
                                 const char* overflowReason);
+    /// The same, written over `r`, which may be uninitialised.
+    static void assignMagnitude(BigInt& r, const uint64_t* limbs, int count, bool negative,
+                                const char* overflowReason);
 
     /// Division of magnitudes: quotient and remainder limbs of `a` (`na` limbs, at least the
-    /// divisor) by a divisor of one 32-bit word, or of two words or more.
+    /// divisor) by a divisor of one 32-bit word, or of two words or more; `multiByteDivide`
+    /// takes a null remainder when only the quotient is wanted.
     static void singleByteDivide(const uint64_t* a, int na, uint32_t divisor, uint64_t* quotient,
                                  uint64_t* remainder);
     static void multiByteDivide(const uint64_t* a, int na, const uint64_t* divisor, int nd,
                                 uint64_t* quotient, uint64_t* remainder);
-    /// Quotient and remainder with the signs that `divide` and `mod` give; either may be null.
+    /// Quotient and remainder with the signs that `divide` and `mod` give; either may be null,
+    /// and either may point to an uninitialised number.
     static void divideWithSigns(const BigInt& dividend, const BigInt& divisor, BigInt* quotient,
                                 BigInt* remainder);
     /// Shifts the first `size` words of `buffer` in place and returns the used length.

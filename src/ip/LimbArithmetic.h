@@ -237,6 +237,56 @@ inline Limb divideWithReciprocal(Limb hi, Limb lo, Limb d, Limb v, Limb* rem) {
     return q1;
 }
 
+/// The reciprocal of a normalised two-limb divisor (d1:d0), d1's top bit set:
+/// (B^3 - 1) / (d1:d0) - B (Moller and Granlund, 2011, algorithm 6).
+inline Limb reciprocal3by2(Limb d1, Limb d0) {
+    Limb v = reciprocal(d1);
+    Limb p = d1 * v + d0;
+    if (p < d0) {
+        --v;
+        if (p >= d1) {
+            --v;
+            p -= d1;
+        }
+        p -= d1;
+    }
+    const Wide t = static_cast<Wide>(v) * d0;
+    const Limb t1 = static_cast<Limb>(t >> 64);
+    const Limb t0 = static_cast<Limb>(t);
+    p += t1;
+    if (p < t1) {
+        --v;
+        if (p > d1 || (p == d1 && t0 >= d0)) {
+            --v;
+        }
+    }
+    return v;
+}
+
+/// (u2:u1:u0) / (d1:d0) with (u2:u1) below (d1:d0), the divisor normalised and v its
+/// reciprocal3by2; the two-limb remainder goes to (r1:r0). The quotient is exact, where a
+/// two-by-one estimate may be two too large (Moller and Granlund, 2011, algorithm 5).
+inline Limb divide3by2(Limb u2, Limb u1, Limb u0, Limb d1, Limb d0, Limb v, Limb* r1, Limb* r0) {
+    const Wide d = (static_cast<Wide>(d1) << 64) | d0;
+    Wide q = static_cast<Wide>(v) * u2 + ((static_cast<Wide>(u2) << 64) | u1);
+    Limb q1 = static_cast<Limb>(q >> 64);
+    const Limb q0 = static_cast<Limb>(q);
+    const Limb high = u1 - q1 * d1;
+    Wide r = ((static_cast<Wide>(high) << 64) | u0) - static_cast<Wide>(d0) * q1 - d;
+    ++q1;
+    if (static_cast<Limb>(r >> 64) >= q0) {
+        --q1;
+        r += d;
+    }
+    if (r >= d) [[unlikely]] {
+        ++q1;
+        r -= d;
+    }
+    *r1 = static_cast<Limb>(r >> 64);
+    *r0 = static_cast<Limb>(r);
+    return q1;
+}
+
 /// q = a / d over `n` limbs (q may be a); returns the remainder. d != 0.
 inline Limb divRem1(AliasedLimb* q, const AliasedLimb* a, int n, Limb d) {
     Limb rem = 0;
@@ -265,7 +315,8 @@ inline void shiftRightBits(AliasedLimb* r, const AliasedLimb* a, int n, int bits
 }
 
 /// Schoolbook long division: q[0, na - nd + 1) = a / d and r[0, nd) = a % d, for na >= nd >= 2
-/// and d[nd - 1] != 0. `work` holds na + 1 limbs and `dn` nd limbs of scratch.
+/// and d[nd - 1] != 0; r may be null when only the quotient is wanted. `work` holds na + 1 limbs
+/// and `dn` nd limbs of scratch.
 void divRem(AliasedLimb* q, AliasedLimb* r, const AliasedLimb* a, int na, const AliasedLimb* d,
             int nd, AliasedLimb* work, AliasedLimb* dn);
 

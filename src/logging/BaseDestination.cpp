@@ -111,41 +111,112 @@ void BaseDestination::executeSynchronously(std::function<void()> block) {
     execute(true, std::move(block));
 }
 
-void BaseDestination::enqueue(QueuedLine line, bool synchronously) {
+void BaseDestination::enqueue(const QueuedLine& line, bool synchronously) {
+    enqueue(LineView{line.level,
+                     line.message,
+                     line.thread,
+                     line.file,
+                     line.function,
+                     {},
+                     line.line,
+                     line.context},
+            synchronously);
+}
+
+void BaseDestination::enqueue(const LineView& line, bool synchronously) {
     if (!queue_) {
         return;
     }
     // A block that outlives the call must keep the destination alive; one that is not owned
     // by a shared_ptr can only be sent while the caller waits.
-    auto self = weak_from_this().lock();
-    synchronously = synchronously || !self;
+    synchronously = synchronously || !ownedBySharedPointer();
     bool schedule = false;
     {
         std::lock_guard lock(queuedMutex_);
-        queued_.push_back(std::move(line));
-        schedule = !sendScheduled_ && !synchronously;
-        sendScheduled_ = sendScheduled_ || schedule;
+        if (queuedCount_ == queued_.size()) {
+            queued_.emplace_back();
+        }
+        QueuedLine& record = queued_[queuedCount_++];
+        record.level = line.level;
+        record.message.assign(line.message);
+        record.thread.assign(line.thread);
+        record.file.assign(line.file);
+        record.function.assign(line.function).append(line.functionTail);
+        record.line = line.line;
+        record.context = line.context;
+        if (!synchronously) {
+            schedule = !sendScheduled_;
+            sendScheduled_ = true;
+        }
     }
     if (synchronously) {
         // Sends the lines queued before this one too, so the order of calls holds.
         queue_->sync([this] { sendQueuedLines(); });
     } else if (schedule) {
-        queue_->async([self = std::move(self)] { self->sendQueuedLines(); });
+        if (auto self = weak_from_this().lock()) {
+            queue_->async([self = std::move(self)] { self->sendQueuedLines(); });
+        } else {
+            // The last owner let go while we queued: send what waits before returning.
+            queue_->sync([this] { sendQueuedLines(); });
+        }
     }
+}
+
+bool BaseDestination::ownedBySharedPointer() {
+    // Once owned, a destination stays owned until it is destroyed: remember it rather than
+    // touch the shared count on every call.
+    if (owned_.load(std::memory_order_relaxed)) {
+        return true;
+    }
+    const bool owned = !weak_from_this().expired();
+    if (owned) {
+        owned_.store(true, std::memory_order_relaxed);
+    }
+    return owned;
 }
 
 void BaseDestination::sendQueuedLines() {
-    std::vector<QueuedLine> lines;
-    {
-        std::lock_guard lock(queuedMutex_);
-        lines.swap(queued_);
-        // A line queued from now on needs a block of its own, behind this one.
-        sendScheduled_ = false;
+    // Records kept for reuse are capped, in number and in the room of a text, so that one
+    // burst of many or long lines does not hold its memory for the life of the destination.
+    constexpr std::size_t kKeptRecords = 1024;
+    constexpr std::size_t kKeptTextRoom = 4096;
+    for (;;) {
+        std::size_t count = 0;
+        {
+            std::lock_guard lock(queuedMutex_);
+            if (queuedCount_ == 0) {
+                // A line queued from now on needs a block of its own, behind this one.
+                sendScheduled_ = false;
+                return;
+            }
+            sending_.swap(queued_);
+            count = queuedCount_;
+            queuedCount_ = 0;
+        }
+        try {
+            sendBurst(std::span<const QueuedLine>(sending_.data(), count));
+        } catch (...) {
+            // The burst is lost, not the lines behind it: the next call hands over a block.
+            std::lock_guard lock(queuedMutex_);
+            sendScheduled_ = false;
+            throw;
+        }
+        if (sending_.size() > kKeptRecords) {
+            sending_.resize(kKeptRecords);
+        }
+        for (std::size_t index = 0; index < std::min(count, sending_.size()); ++index) {
+            auto& record = sending_[index];
+            if (record.message.capacity() > kKeptTextRoom) {
+                std::string().swap(record.message);
+            }
+            if (record.context && record.context->capacity() > kKeptTextRoom) {
+                record.context.reset();
+            }
+        }
     }
-    sendBurst(lines);
 }
 
-void BaseDestination::sendBurst(const std::vector<QueuedLine>& lines) {
+void BaseDestination::sendBurst(std::span<const QueuedLine> lines) {
     for (const auto& line : lines) {
         send(line.level, line.message, line.thread, line.file, line.function, line.line,
              line.context);

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,6 +64,20 @@ public:
         Context context;
     };
 
+    /// One log call as the caller holds it: views into texts that live until `enqueue`
+    /// returns. The queued function name is `function` followed by `functionTail`, so that a
+    /// caller can hand over a name it has cut without making a text of its own.
+    struct LineView {
+        Level level;
+        std::string_view message;
+        std::string_view thread;
+        std::string_view file;
+        std::string_view function;
+        std::string_view functionTail;
+        int line;
+        const Context& context;
+    };
+
     static constexpr std::string_view kDefaultFormat = "$DHH:mm:ss.SSS$d $C$L$c $N.$F:$l - $M";
 
     BaseDestination();
@@ -107,7 +123,11 @@ public:
     /// Hands one call over to the queue, which sends it after every call handed over before.
     /// Synchronously (always, for a destination not owned by a shared_ptr), returns once the
     /// line is sent.
-    void enqueue(QueuedLine line, bool synchronously);
+    void enqueue(const QueuedLine& line, bool synchronously);
+    /// The same from views: the texts are copied into a waiting record whose room is reused
+    /// from line to line, so that a call costs its caller no allocation once the destination
+    /// has seen lines of that size.
+    void enqueue(const LineView& line, bool synchronously);
 
     std::string renderLine(Level level, const std::string& message, const std::string& thread,
                            const std::string& file, const std::string& function, int line,
@@ -140,10 +160,13 @@ protected:
     /// Sends the lines that were queued together, in the order of the calls. The default
     /// sends them one by one; a destination whose output costs something per write may
     /// gather them. Runs on the queue.
-    virtual void sendBurst(const std::vector<QueuedLine>& lines);
+    virtual void sendBurst(std::span<const QueuedLine> lines);
 
 private:
+    /// Sends what waits, and what comes in meanwhile, until nothing waits. Runs on the queue.
     void sendQueuedLines();
+    /// Whether a shared_ptr owns this destination, so that a block may keep it alive.
+    bool ownedBySharedPointer();
     std::optional<std::string> jsonLine(Level level, const std::string& message,
                                         const std::string& thread, const std::string& file,
                                         const std::string& function, int line,
@@ -165,10 +188,18 @@ private:
 
     // Lines wait here rather than as one queue block each: handing a block to the queue's
     // threads costs more than writing the line, so one block sends every line waiting when
-    // it runs, in order, each still with its own append.
+    // it runs, in order, each still with its own append. That block goes on until nothing
+    // waits, so a caller hands a block over only when the queue has gone idle.
+    //
+    // The first queuedCount_ records of queued_ wait; the records behind them, and those of
+    // sending_ (the queue's own, swapped with queued_ for each burst), are kept with the room
+    // of their texts for the lines to come.
     std::mutex queuedMutex_;
     std::vector<QueuedLine> queued_;
+    std::size_t queuedCount_ = 0;
     bool sendScheduled_ = false;
+    std::vector<QueuedLine> sending_;
+    std::atomic<bool> owned_{false};
 };
 
 }  // namespace morvane::logging

@@ -56,7 +56,7 @@ std::optional<std::string> FileDestination::send(Level level, const std::string&
     return rendered;
 }
 
-void FileDestination::sendBurst(const std::vector<QueuedLine>& lines) {
+void FileDestination::sendBurst(std::span<const QueuedLine> lines) {
     std::string bytes;
     std::size_t count = 0;
     for (const auto& line : lines) {

@@ -41,7 +41,7 @@ protected:
     /// close for the burst (up to burstBytes at a time) instead of for each line. Every byte
     /// is still written under the claim, and between bursts the file is free for others to
     /// read, move or remove, as between lines.
-    void sendBurst(const std::vector<QueuedLine>& lines) override;
+    void sendBurst(std::span<const QueuedLine> lines) override;
 
 private:
     static constexpr std::size_t burstBytes = 64 * 1024;

@@ -78,44 +78,38 @@ std::string LogCenter::strippedFunctionName(std::string_view function) {
     return name;
 }
 
-void LogCenter::dispatch(Level level, const std::function<std::string()>& message,
-                         std::string_view file, std::string_view function, int line,
-                         Context context) {
-    std::string thread = threadName();
-    std::optional<std::string> text;
-    std::optional<std::string> fileText;
-    std::optional<std::string> stripped;
+void LogCenter::dispatch(Level level, MessageSource message, std::string_view file,
+                         std::string_view function, int line, Context context) {
+    const std::string thread = threadName();
+    // The message is turned into text at most once; `storage` holds it when it is not text
+    // already. Filters read it as a text of their own, made only for a destination that has
+    // filters, once the message has been turned into text (by a filter that needs it or by an
+    // earlier destination).
+    std::string storage;
+    std::optional<std::string_view> text;
+    std::optional<std::string> keptText;
+    // "log(_:level:)" is queued as "log" followed by "()", without a text of its own.
+    const std::string_view functionStem = function.substr(0, function.find('('));
 
-    const auto& all = destinations();
-    std::size_t visited = 0;
-    for (const auto& destination : all) {
-        const bool last = ++visited == all.size();
+    for (const auto& destination : destinations()) {
         if (!destination->queue()) {
             continue;
         }
         if (!text && destination->hasMessageFilters()) {
-            text = message();
+            text = message.text(message.message, storage);
         }
-        if (!destination->passesFilters(level, file, function, text)) {
+        if (text && !keptText && !destination->filters().empty()) {
+            keptText.emplace(*text);
+        }
+        if (!destination->passesFilters(level, file, function, keptText)) {
             continue;
         }
         if (!text) {
-            text = message();
+            text = message.text(message.message, storage);
         }
-        if (!fileText) {
-            fileText = std::string(file);
-            stripped = strippedFunctionName(function);
-        }
-        const bool synchronously = !destination->asynchronously();
-        if (last) {
-            // Nothing reads these texts after the last destination: hand them over.
-            destination->enqueue({level, std::move(*text), std::move(thread), std::move(*fileText),
-                                  std::move(*stripped), line, std::move(context)},
-                                 synchronously);
-        } else {
-            destination->enqueue({level, *text, thread, *fileText, *stripped, line, context},
-                                 synchronously);
-        }
+        destination->enqueue(BaseDestination::LineView{level, *text, thread, file, functionStem,
+                                                       "()", line, context},
+                             !destination->asynchronously());
     }
 }
 

@@ -117,11 +117,13 @@ public:
     template <class Message>
     static void custom(Level level, Message&& message, std::string_view file,
                        std::string_view function, int line, Context context = std::nullopt) {
-        // Wrapping the message in a reference-only callable keeps it lazy without copying it
-        // and without a heap allocation for the wrapper.
-        dispatch(
-            level, [&message] { return messageText(message); }, file, function, line,
-            std::move(context));
+        // The message travels by address with the one function that can read it: lazy,
+        // without a copy, and without a heap allocation for a wrapper.
+        using Stored = std::remove_reference_t<Message>;
+        dispatch(level,
+                 MessageSource{const_cast<void*>(static_cast<const void*>(std::addressof(message))),
+                               &messageText<Stored>},
+                 file, function, line, std::move(context));
     }
 
     /// A message value as text.
@@ -142,18 +144,30 @@ private:
     }
 #endif
 
-    template <class Message>
-    static std::string messageText(Message& message) {
-        if constexpr (std::is_invocable_v<Message&>) {
-            return describe(std::invoke(message));
+    /// A message not yet turned into text. `text` gives a view of the message itself when it
+    /// is text already, or else writes its description into `storage` and gives a view of
+    /// that.
+    struct MessageSource {
+        void* message;
+        std::string_view (*text)(void* message, std::string& storage);
+    };
+
+    template <class Stored>
+    static std::string_view messageText(void* address, std::string& storage) {
+        auto& message = *static_cast<Stored*>(address);
+        if constexpr (std::is_invocable_v<Stored&>) {
+            storage = describe(std::invoke(message));
+            return storage;
+        } else if constexpr (std::is_convertible_v<const Stored&, std::string_view>) {
+            return std::string_view(message);
         } else {
-            return describe(message);
+            storage = describe(message);
+            return storage;
         }
     }
 
-    static void dispatch(Level level, const std::function<std::string()>& message,
-                         std::string_view file, std::string_view function, int line,
-                         Context context);
+    static void dispatch(Level level, MessageSource message, std::string_view file,
+                         std::string_view function, int line, Context context);
 };
 
 template <class Value>

@@ -257,6 +257,83 @@ TEST(BigIntTest, DivisionAgreesWithGmp) {
     for (const auto& [a, b] : addBack) {
         cases.emplace_back(mpz_class(a, 16), mpz_class(b, 16));
     }
+    // Each quotient limb comes from the remainder's top three limbs over the divisor's top
+    // two. Dividends that take its rare turns, found by simulating it on 64-bit limbs, with the
+    // divisor already normalised (shift 0) or shifted by 63 bits:
+    const std::pair<const char*, const char*> rareSteps[] = {
+        // the remainder's top two limbs equal the divisor's, so the limb is all ones; among
+        // them divisors whose top limb is all ones
+        {"FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF5C475C439EC21E6A800000000000000041545519115905A0FFFFFFFF"
+         "FFFFFFFF00000000000000030000000000000001",
+         "FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFE0B02278265E61F000000000000000000000000000000000"},
+        {"FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF8000000000000000D7C027AAAEF52C040000000000000000",
+         "FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF"},
+        {"80000000000000008000000000000000FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFDB12D5E6EBE545C0C80000000"
+         "000000008000000000000000",
+         "80000000000000000000000000000000FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFCFFFFFFFFFFFFFFFF"},
+        // the lower limbs of the divisor make the limb one too many: the divisor is added back
+        {"FFFFFFFFFFFFFFFF00000000000000018000000000000000ABA92DC2172977320000000000000000",
+         "80000000000000000000000000000000C6AF6F32E7EDDC3D8000000000000000"},
+        {"FFFFFFFFFFFFFFFEFFFFFFFFFFFFFFFE80000000000000000000000000000003FFFFFFFFFFFFFFFF00000000"
+         "000000000000000000000002",
+         "80000000000000008000000000000000463657F9FCC4972D0000000000000001FFFFFFFFFFFFFFFF"},
+        {"1FFFFFFFFFFFFFFFE000000000000000000000000000000020000000000000000",
+         "FFFFFFFFFFFFFFFF00000000000000008000000000000000"},
+        // the three-by-two step's own second correction, with a two-limb divisor among them
+        {"8000000000000000FFFFFFFFFFFFFFFF0000000000000002FFFFFFFFFFFFFFFC5E7B89CEEC24135A",
+         "80000000000000020000000000000000"},
+        {"FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFD36343068B1D0449CFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF"
+         "FFFFFFFF",
+         "10000000000000000DD8244A401DF2523"},
+        {"FFFFFFFFFFFFFFFDFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFE8000000000000000FFFFFFFFFFFFFFFE5F43F146"
+         "46B153B5E3B40F2170931466",
+         "100000000000000010000000000000003FFFFFFFFFFFFFFFCFFFFFFFFFFFFFFFE"},
+    };
+    for (const auto& [a, b] : rareSteps) {
+        const mpz_class dividend(a, 16);
+        const mpz_class divisor(b, 16);
+        cases.emplace_back(dividend, divisor);
+        // The same steps with each sign.
+        cases.emplace_back(-dividend, divisor);
+        cases.emplace_back(dividend, -divisor);
+        cases.emplace_back(-dividend, -divisor);
+    }
+    // Many more dividends and divisors of one to six limbs, built of all-ones, zero and
+    // top-bit limbs, where the quotient steps take their rare turns most often.
+    for (int i = 0; i < 3000; ++i) {
+        const int divisorBits = 2 + gen.below(380);
+        cases.emplace_back(gen.signed_(gen.structured(divisorBits + gen.below(400))),
+                           gen.signed_(gen.structured(divisorBits)));
+    }
+    // The most negative value over divisors of one, two and many limbs: its magnitude reaches
+    // the sign bit, and the remainder keeps its sign.
+    const mpz_class mostNegative = -(mpz_class(1) << 2239);
+    const mpz_class divisors[] = {3,
+                                  -7,
+                                  mpz_class("FFFFFFFFFFFFFFFFF", 16),
+                                  mpz_class(mpz_class(1) << 1000),
+                                  ones(1119),
+                                  mpz_class(-gen.structured(700))};
+    for (const mpz_class& d : divisors) {
+        cases.emplace_back(mostNegative, d);
+    }
+    // Exact multiples and their neighbours: the last step leaves a remainder whose top limbs
+    // are zero, where a quotient alone must still be checked against the lower limbs.
+    for (int i = 0; i < 40; ++i) {
+        const mpz_class d = gen.structured(2 + gen.below(900));
+        const mpz_class k = gen.structured(1 + gen.below(1000));
+        if (mpz_sizeinbase(mpz_class(d * k).get_mpz_t(), 2) < 2238) {
+            cases.emplace_back(d * k, d);
+            cases.emplace_back(d * k - 1, d);
+            cases.emplace_back(d * k + 1, d);
+        }
+    }
+    // Dividends shorter than the divisor, and just one below and at it.
+    const mpz_class wide = gen.structured(640);
+    cases.emplace_back(wide - 1, wide);
+    cases.emplace_back(-(wide - 1), wide);
+    cases.emplace_back(wide, wide - 1);
+    cases.emplace_back(gen.structured(300), wide);
 
     for (const auto& [a, b] : cases) {
         SCOPED_TRACE(a.get_str(16) + " / " + b.get_str(16));

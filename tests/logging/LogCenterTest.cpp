@@ -2,6 +2,8 @@
 
 #include <future>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "RecordingDestination.h"
 #include "logging/ConsoleDestination.h"
@@ -163,6 +165,88 @@ TEST_F(LogCenterTest, FlushWaitsForEveryLineHandedOver) {
     // Read straight from the records, not through calls(), which would wait by itself.
     EXPECT_EQ(blocked->sentCount(), 100u);
     EXPECT_EQ(other->sentCount(), 100u);
+}
+
+// A destination keeps the records of sent lines and writes later lines over them: each
+// line must arrive whole, with nothing of a longer line before it.
+TEST_F(LogCenterTest, LinesWrittenOverKeptRecordsArriveWhole) {
+    auto destination = added();
+    const std::string longMessage(300, 'x');
+    const std::string longFunction = "aVeryLongFunctionNameThatNeedsRoomOfItsOwn(_:with:)";
+    for (int round = 0; round < 3; ++round) {
+        LogCenter::info(longMessage, "/a/long/path/to/some/File.cpp", longFunction, 1, "context");
+        destination->calls();  // the records are sent and kept before the next line comes
+        LogCenter::info("s", "f", "g", 2);
+        destination->calls();
+    }
+    auto queue = platform::DispatchQueue::create("a-queue-label-longer-than-short-text");
+    queue->sync([] { LogCenter::info("from a queue", "f", "g(x)", 3, "c"); });
+    LogCenter::info("", "", "", 4);
+
+    const auto calls = destination->calls();
+    ASSERT_EQ(calls.size(), 8u);
+    for (int round = 0; round < 3; ++round) {
+        const auto& big = calls[2 * round];
+        EXPECT_EQ(big.message, longMessage);
+        EXPECT_EQ(big.file, "/a/long/path/to/some/File.cpp");
+        EXPECT_EQ(big.function, "aVeryLongFunctionNameThatNeedsRoomOfItsOwn()");
+        EXPECT_EQ(big.context, "context");
+        const auto& small = calls[2 * round + 1];
+        EXPECT_EQ(small.message, "s");
+        EXPECT_EQ(small.file, "f");
+        EXPECT_EQ(small.function, "g()");
+        EXPECT_EQ(small.line, 2);
+        EXPECT_EQ(small.context, std::nullopt);
+        EXPECT_EQ(small.thread, "");
+    }
+    EXPECT_EQ(calls[6].thread, "a-queue-label-longer-than-short-text");
+    EXPECT_EQ(calls[6].function, "g()");
+    EXPECT_EQ(calls[6].context, "c");
+    EXPECT_EQ(calls[7].message, "");
+    EXPECT_EQ(calls[7].file, "");
+    EXPECT_EQ(calls[7].function, "()");
+    EXPECT_EQ(calls[7].thread, "");
+    EXPECT_EQ(calls[7].context, std::nullopt);
+}
+
+// Lines that come while the queue is sending are sent by the same run, after the lines
+// before them; those that come after it has gone idle start a new one.
+TEST_F(LogCenterTest, LinesQueuedWhileSendingFollowInOrder) {
+    class SlowDestination : public RecordingDestination {
+    public:
+        std::promise<void> firstSending;
+        std::shared_future<void> release;
+        std::optional<std::string> send(Level level, const std::string& message,
+                                        const std::string& thread, const std::string& file,
+                                        const std::string& function, int line,
+                                        const Context& context) override {
+            if (message == "0") {
+                firstSending.set_value();
+                release.wait();
+            }
+            return RecordingDestination::send(level, message, thread, file, function, line,
+                                              context);
+        }
+    };
+    auto destination = std::make_shared<SlowDestination>();
+    std::promise<void> release;
+    destination->release = release.get_future().share();
+    LogCenter::addDestination(destination);
+
+    LogCenter::info("0");
+    destination->firstSending.get_future().wait();
+    for (int i = 1; i < 200; ++i) {
+        LogCenter::info(std::to_string(i));
+    }
+    release.set_value();
+    destination->queue()->waitUntilIdle();
+    LogCenter::info("200");
+
+    const auto calls = destination->calls();
+    ASSERT_EQ(calls.size(), 201u);
+    for (int i = 0; i <= 200; ++i) {
+        EXPECT_EQ(calls[static_cast<std::size_t>(i)].message, std::to_string(i));
+    }
 }
 
 TEST(Enqueue, DestinationNotSharedIsSentWhileTheCallerWaits) {
