@@ -8,6 +8,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "sys/Files.h"
+
 namespace morvane::platform {
 
 namespace {
@@ -54,17 +56,8 @@ AppendResult appendLocked(const std::filesystem::path& file, std::string_view by
     }
 
     AppendResult result;
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t wrote = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (wrote < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            result = failure(AppendResult::Status::couldNotWrite, errno);
-            break;
-        }
-        done += static_cast<std::size_t>(wrote);
+    if (!sys::writeAllTo(fd, bytes)) {
+        result = failure(AppendResult::Status::couldNotWrite, errno);
     }
     if (result.status == AppendResult::Status::written && syncToDisk && ::fsync(fd) != 0) {
         result = failure(AppendResult::Status::couldNotWrite, errno);

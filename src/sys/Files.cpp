@@ -17,21 +17,6 @@ std::string describe(const std::string& what, const std::filesystem::path& path,
     return "Cannot " + what + " " + path.string() + ": " + std::strerror(code);
 }
 
-bool writeAllTo(int fd, const std::string& content) {
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
 void syncFolder(const std::filesystem::path& folder) {
     const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
@@ -74,6 +59,21 @@ bool writeInPlace(const std::filesystem::path& path, const std::string& content,
 }
 
 }  // namespace
+
+bool writeAllTo(int fd, std::string_view content) {
+    std::size_t done = 0;
+    while (done < content.size()) {
+        const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
 
 std::optional<std::string> readWholeFile(const std::filesystem::path& path, std::string* error) {
     std::ifstream in(path, std::ios::binary);

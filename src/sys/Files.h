@@ -5,8 +5,13 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace morvane::sys {
+
+/// Writes all of `content` to `fd`, again after an interruption; false with errno set when a
+/// write fails.
+bool writeAllTo(int fd, std::string_view content);
 
 /// A whole file's bytes; nothing when it cannot be read (errno tells why, and `error` when
 /// given).
