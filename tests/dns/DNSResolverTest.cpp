@@ -90,14 +90,11 @@ private:
             if (questionEnd > static_cast<std::size_t>(length)) {
                 continue;
             }
-            // The header is made in place before the question is copied behind it.
-            std::uint8_t header[12];
-            std::memcpy(header, query, sizeof header);
-            header[2] = 0x81;  // a response, recursion desired
-            header[3] = reply_ == Reply::nxdomain ? 0x83 : 0x80;
-            std::memset(header + 6, 0, 6);
-            std::vector<std::uint8_t> answer(std::begin(header), std::end(header));
-            answer.insert(answer.end(), query + 12, query + questionEnd);
+            // The query's header becomes the response's, and the question follows it.
+            query[2] = 0x81;  // a response, recursion desired
+            query[3] = reply_ == Reply::nxdomain ? 0x83 : 0x80;
+            std::memset(query + 6, 0, 6);
+            std::vector<std::uint8_t> answer(query, query + questionEnd);
             std::uint8_t answerCount = 0;
             auto record = [&](std::uint16_t type, const std::vector<std::uint8_t>& data) {
                 ++answerCount;
