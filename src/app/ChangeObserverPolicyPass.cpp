@@ -9,7 +9,7 @@
 #include "helper/TarnHelperProxy.h"
 #include "messages/JSONCoding.h"
 #include "platform/MainQueue.h"
-#include "proxy/NetworkExtConfig.h"
+#include "messages/NetworkExtConfig.h"
 #include "proxy/NetworkExtensionManager.h"
 #include "settings/Utils.h"
 #include "ui/UserNotificationCenter.h"

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "provider/NetworkExtConfig.h"
+#include "messages/NetworkExtConfig.h"
 #include "provider/ProviderErrors.h"
 #include "provider/ServiceLog.h"
 

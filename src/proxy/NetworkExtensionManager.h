@@ -18,7 +18,7 @@
 #include "proxy/DNSProxyPreferences.h"
 #include "proxy/ExtensionActivation.h"
 #include "proxy/ExtensionBundle.h"
-#include "proxy/NetworkExtConfig.h"
+#include "messages/NetworkExtConfig.h"
 #include "proxy/ProviderLink.h"
 #include "proxy/ProxySystemLog.h"
 #include "proxy/Throttle.h"

@@ -8,7 +8,7 @@
 #include "messages/JSONCoding.h"
 #include "proxy/ExtensionBundle.h"
 #include "proxy/LocalAddress.h"
-#include "proxy/NetworkExtConfig.h"
+#include "messages/NetworkExtConfig.h"
 #include "proxy/SharedDefaultsManager.h"
 #include "support/TestEnvironment.h"
 

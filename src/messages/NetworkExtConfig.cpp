@@ -1,8 +1,8 @@
-#include "provider/NetworkExtConfig.h"
+#include "messages/NetworkExtConfig.h"
 
 #include "messages/JSONCoding.h"
 
-namespace morvane::provider {
+namespace morvane {
 
 NetworkExtConfig NetworkExtConfig::readFields(JSONObjectReader& in) {
     NetworkExtConfig config;
@@ -13,9 +13,16 @@ NetworkExtConfig NetworkExtConfig::readFields(JSONObjectReader& in) {
     return config;
 }
 
+void NetworkExtConfig::writeFields(JSONWriter& out) const {
+    out.field("UDDID", UDDID);
+    out.field("deviceConfig", deviceConfig);
+    out.field("locationKey", locationKey);
+    out.field("resolvers", resolvers);
+}
+
 std::optional<NetworkExtConfig> NetworkExtConfig::decode(std::string_view text,
                                                          std::string& error) {
     return decodeJSON<NetworkExtConfig>(text, &error);
 }
 
-}  // namespace morvane::provider
+}  // namespace morvane

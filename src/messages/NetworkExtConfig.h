@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "messages/DeviceConfiguration.h"
@@ -12,7 +13,8 @@ class JSONObjectReader;
 class JSONWriter;
 
 /// What the DNS proxy is to work with: the device's identity, the location in force, the
-/// resolvers of every forwarding rule and the whole policy. Every key is required.
+/// resolvers of every forwarding rule and the whole policy. The agent writes it, the provider
+/// reads it from `updateConfigWithConfig:completionHandler:`. Every key is required.
 struct NetworkExtConfig {
     std::string UDDID;  // two D's: the device's identity as the provider reads it
     std::string locationKey;
@@ -21,6 +23,8 @@ struct NetworkExtConfig {
 
     static NetworkExtConfig readFields(JSONObjectReader& in);
     void writeFields(JSONWriter& out) const;
+    /// Nothing, with the reason in `error`, unless the text is such a record.
+    static std::optional<NetworkExtConfig> decode(std::string_view text, std::string& error);
     bool operator==(const NetworkExtConfig&) const = default;
 };
 
